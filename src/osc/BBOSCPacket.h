@@ -29,7 +29,7 @@ public:
     // What a sender transmits, one UDP datagram per element. The base (and a
     // message, whatever its size) gives a one-element list holding
     // packetizedData(); a bundle splits itself into datagrams of at most 4096
-    // bytes. A packet that encodes to nothing gives an empty list.
+    // bytes (and a bundle without elements gives an empty list).
     virtual std::vector<BBOSCBytes> packetizedDatas() const;
     // Text for logs and consoles.
     virtual std::string stringRepresentation() const;

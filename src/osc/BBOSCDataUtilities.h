@@ -27,7 +27,7 @@ public:
     // 1900-based NTP epoch.
     static constexpr uint32_t kTimeTagOffset = 0x5C000000u;
     // 0001-01-01 00:00:00 UTC.
-    static constexpr BBOSCDate kDistantPast = -63114076800.0;
+    static constexpr BBOSCDate kDistantPast = -63113904000.0;
 
     // The current time as a date.
     static BBOSCDate currentDate();

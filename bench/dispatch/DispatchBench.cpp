@@ -3,6 +3,7 @@
 // plugs send to an OSC output that only counts.
 
 #include "app/TessarineController.h"
+#include "osc/BBOSCMessage.h"
 #include "signals/TSCommandSignal.h"
 #include "signals/TSDmxSignal.h"
 #include "signals/TSKeyboardSignal.h"
@@ -60,7 +61,7 @@ struct Setup {
 
 void OscInput(benchmark::State& state) {
     Setup setup(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
-    const float value[] = {0.5f};
+    const BBOSCArgument value[] = {BBOSCArgument::argumentWithFloat(0.5f)};
     for (auto _ : state)
         benchmark::DoNotOptimize(
             setup.controller->processKorvalisOSCMessageWithAddressAndArguments("/match", value));

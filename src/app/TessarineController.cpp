@@ -171,8 +171,8 @@ bool TessarineController::processMIDIMessage(const VVMIDIMessage& message) {
 }
 
 bool TessarineController::processKorvalisOSCMessageWithAddressAndArguments(
-    std::string_view address, std::span<const float> arguments) {
-    const float value = arguments.empty() ? 1.0f : arguments.front();
+    std::string_view address, std::span<const BBOSCArgument> arguments) {
+    const float value = arguments.empty() ? 1.0f : arguments.front().floatValue();
     const bool handled = sendToAll(index()->osc(address), value);
     if (consoleVisible())
         appendToConsole(QString("OSC : '%1'    %2")

@@ -30,6 +30,7 @@
 #include <string_view>
 #include <vector>
 
+class BBOSCArgument;
 class BBOSCListener;
 class BBOSCMessage;
 class BBOSCPacket;
@@ -87,9 +88,9 @@ public:
                                                   bool pressed);
     bool processAudioLevel(float level);
     bool processMIDIMessage(const VVMIDIMessage& message);
-    // The generic OSC input: the address and each argument's float value.
+    // The generic OSC input: a message's address and its arguments.
     bool processKorvalisOSCMessageWithAddressAndArguments(std::string_view address,
-                                                          std::span<const float> arguments);
+                                                          std::span<const BBOSCArgument> arguments);
     bool processCommandWithString(std::string_view command);
     bool processDMXChannelAndValue(unsigned channel, unsigned value);
     bool processArtnetChannelAndValue(unsigned channel, unsigned value);

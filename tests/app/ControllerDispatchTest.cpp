@@ -88,7 +88,7 @@ TEST_F(Dispatch, TextInputsMatchExactly) {
     in<TSOSCSignal>(plug(4, "/a-again"))->changeAddress("/a");
     in<TSCommandSignal>(plug(10, "/cmd"))->changeString("go");
 
-    const float half[] = {0.5f, 9.0f};
+    const BBOSCArgument half[] = {BBOSCArgument::argumentWithFloat(0.5f), BBOSCArgument::argumentWithInt(9)};
     EXPECT_TRUE(controller.processKorvalisOSCMessageWithAddressAndArguments("/a", half));
     EXPECT_EQ(sent(), (Sends{{"/a-out", 0.5}, {"/a-again", 0.5}})); // both, in list order
     ports->clear();
@@ -253,7 +253,7 @@ TEST_F(Dispatch, ConsoleLinesOnlyWhileVisible) {
     controller.showConsole();
     ASSERT_TRUE(controller.consoleVisible());
     controller.processMIDIMessage(*VVMIDIMessage::createFromVals(176, 0, 7, 100));
-    const float args[] = {0.25f};
+    const BBOSCArgument args[] = {BBOSCArgument::argumentWithFloat(0.25f)};
     controller.processKorvalisOSCMessageWithAddressAndArguments("/fader", args);
     controller.processCommandWithString("play");
     controller.processDMXChannelAndValue(3, 200);

@@ -5,6 +5,7 @@
 // race.
 
 #include "app/TessarineController.h"
+#include "osc/BBOSCMessage.h"
 #include "signals/TSCommandSignal.h"
 #include "signals/TSDmxSignal.h"
 #include "signals/TSKeyboardSignal.h"
@@ -84,7 +85,7 @@ TEST(DispatchStress, InputsOnManyThreadsWhileTheMainThreadEdits) {
         controller.processDMXChannelAndValue(5, 200);
     });
     spawn([&](int) {
-        const float value[] = {0.5f};
+        const BBOSCArgument value[] = {BBOSCArgument::argumentWithFloat(0.5f)};
         controller.processKorvalisOSCMessageWithAddressAndArguments("/in/stable", value);
         controller.processKorvalisOSCMessageWithAddressAndArguments("/in/churn", value);
     });

@@ -180,7 +180,7 @@ TEST_F(KorvalisLoopback, AnActionSentAlsoFiresPlugsListeningToIt) {
     static_cast<TSKorvalisSignal*>(listener->signalIn().get())->changeAddressSuffix("action/launchColumn/5");
     static_cast<TSOSCSignal*>(listener->signalOut().get())->changeAddress("/launched");
 
-    const float args[] = {1.0f};
+    const BBOSCArgument args[] = {BBOSCArgument::argumentWithFloat(1.0f)};
     EXPECT_TRUE(controller.processKorvalisOSCMessageWithAddressAndArguments("/go", args));
     const auto sent = ports->sent();
     ASSERT_EQ(sent.size(), 1u);

@@ -62,7 +62,11 @@ TEST(DispatchStress, InputsOnManyThreadsWhileTheMainThreadEdits) {
     static_cast<TSOSCSignal*>(stableOsc->signalIn().get())->changeAddress("/in/stable");
     controller.plugs().addObjects({stableCommand, stableDmx, stableOsc});
 
-    constexpr int kPerThread = 20000;
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    constexpr int kPerThread = 5000; // the sanitizers slow every access many times over
+#else
+    constexpr int kPerThread = 50000;
+#endif
     std::atomic<bool> go{false};
     std::atomic<int> running{0};
     std::vector<std::thread> threads;

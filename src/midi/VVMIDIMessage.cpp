@@ -13,7 +13,7 @@ constexpr const char* kSysexInitName = "-[VVMIDIMessage initWithSysexArray:times
 
 // The readable texts print their "%hhd" fields as signed bytes: an unset 0xFF
 // byte reads -1, which is how an operator spots a missing value in a log.
-int signedByte(uint8_t v) { return static_cast<int8_t>(v); }
+signed char signedByte(uint8_t v) { return static_cast<signed char>(v); }
 
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 std::string format(const char* fmt, ...) {

@@ -1,0 +1,6 @@
+#include "osc/DelegateWrapper.h"
+
+void DelegateWrapper::dispatchRawPacket(std::span<const uint8_t> datagram) {
+    if (target_)
+        target_(datagram);
+}

@@ -16,7 +16,7 @@ BBOSCBytes BBOSCAddress::packetizedData() const {
 size_t BBOSCAddress::packetizedSize() const {
     // A non-ASCII address goes out as the empty string.
     return BBOSCDataUtilities::isASCII(address_) ? BBOSCDataUtilities::paddedLength(address_.size())
-                                                  : 4;
+                                                 : 4;
 }
 
 void BBOSCAddress::appendPacketizedData(BBOSCBytes& out) const {

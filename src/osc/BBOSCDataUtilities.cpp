@@ -198,7 +198,7 @@ std::string BBOSCDataUtilities::dateDescription(BBOSCDate date) {
     unsigned month, day;
     civilFromDays(days, year, month, day);
     char text[64];
-    std::snprintf(text, sizeof text, "%04" PRId64 "-%02u-%02u %02d:%02d:%02d +0000", year, month, day,
-                  int(rest / 3600), int(rest / 60 % 60), int(rest % 60));
+    std::snprintf(text, sizeof text, "%04" PRId64 "-%02u-%02u %02d:%02d:%02d +0000", year, month,
+                  day, int(rest / 3600), int(rest / 60 % 60), int(rest % 60));
     return text;
 }

@@ -51,8 +51,9 @@ std::unique_ptr<BBOSCPacket> BBOSCDecoder::decodeData(std::span<const uint8_t> d
     return decodeRawMessage(data);
 }
 
-std::optional<std::string> BBOSCDecoder::stringFromDataStartingAtEndingAt(
-    std::span<const uint8_t> data, size_t start, size_t& end) {
+std::optional<std::string>
+BBOSCDecoder::stringFromDataStartingAtEndingAt(std::span<const uint8_t> data, size_t start,
+                                               size_t& end) {
     const auto q = paddedStringEnd(data, start);
     if (!q)
         return std::nullopt;
@@ -79,8 +80,9 @@ std::optional<float> BBOSCDecoder::floatFromDataStartingAtEndingAt(std::span<con
     return std::bit_cast<float>(*bits);
 }
 
-std::optional<BBOSCBytes> BBOSCDecoder::dataBlobFromDataStartingAtEndingAt(
-    std::span<const uint8_t> data, size_t start, size_t& end) {
+std::optional<BBOSCBytes>
+BBOSCDecoder::dataBlobFromDataStartingAtEndingAt(std::span<const uint8_t> data, size_t start,
+                                                 size_t& end) {
     size_t afterCount = 0;
     const auto n = intFromDataStartingAtEndingAt(data, start, afterCount);
     if (!n || *n < 0 || static_cast<size_t>(*n) > data.size() - afterCount)
@@ -92,8 +94,9 @@ std::optional<BBOSCBytes> BBOSCDecoder::dataBlobFromDataStartingAtEndingAt(
     return BBOSCBytes(data.begin() + afterCount, data.begin() + afterCount + count);
 }
 
-std::optional<BBOSCArgument> BBOSCDecoder::argumentFromDataStartingAtEndingAtOfType(
-    std::span<const uint8_t> data, size_t start, size_t& end, char type) {
+std::optional<BBOSCArgument>
+BBOSCDecoder::argumentFromDataStartingAtEndingAtOfType(std::span<const uint8_t> data, size_t start,
+                                                       size_t& end, char type) {
     // Arguments keep their wire bytes, so each reader only checks the bounds
     // here and the bytes are copied once into the argument.
     switch (type) {
@@ -160,8 +163,8 @@ std::unique_ptr<BBOSCBundle> BBOSCDecoder::decodeRawBundle(std::span<const uint8
     const size_t length = data.size();
     if (length < 16)
         return nullptr;
-    auto bundle = std::make_unique<BBOSCBundle>(
-        BBOSCDataUtilities::dateFromNTPTimestamp(data.subspan(8, 8)));
+    auto bundle =
+        std::make_unique<BBOSCBundle>(BBOSCDataUtilities::dateFromNTPTimestamp(data.subspan(8, 8)));
     if (length < 18)
         return bundle;
     size_t offset = 16;

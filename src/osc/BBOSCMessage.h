@@ -31,7 +31,9 @@ public:
     void attachArgument(BBOSCArgument argument) { arguments_.push_back(std::move(argument)); }
     void attachArguments(std::vector<BBOSCArgument> arguments);
     void attachObject(BBOSCArgument argument) { attachArgument(std::move(argument)); }
-    void attachObjects(std::vector<BBOSCArgument> arguments) { attachArguments(std::move(arguments)); }
+    void attachObjects(std::vector<BBOSCArgument> arguments) {
+        attachArguments(std::move(arguments));
+    }
     // Room for this many arguments without reallocation.
     void reserveArguments(size_t count) { arguments_.reserve(count); }
 

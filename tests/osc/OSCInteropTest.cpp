@@ -39,7 +39,8 @@ protected:
     std::string port() const { return std::to_string(listener->portNumber()); }
 
     std::unique_ptr<BBOSCListener> listener;
-    std::shared_ptr<ts::test::RecordingDelegate> recorder = std::make_shared<ts::test::RecordingDelegate>();
+    std::shared_ptr<ts::test::RecordingDelegate> recorder =
+        std::make_shared<ts::test::RecordingDelegate>();
 };
 
 TEST_F(OSCInteropTest, OscsendMessagesDecodeToTheSameValues) {
@@ -49,13 +50,17 @@ TEST_F(OSCInteropTest, OscsendMessagesDecodeToTheSameValues) {
         std::string expected; // stringRepresentation; empty: decodes to nothing
     };
     const std::vector<Case> cases = {
-        {{"ifs", "3", "1.5", "hello world"}, "/a/b",
+        {{"ifs", "3", "1.5", "hello world"},
+         "/a/b",
          "MESSAGE:\naddress:/a/b\n types:,ifs\ni { 3 }\nf { 1.500000 }\ns { hello world }"},
         {{""}, "/no/arguments", "MESSAGE:\naddress:/no/arguments\n types:,"},
         // An int is read through a float: the largest one saturates.
-        {{"iif", "-2147483648", "2147483647", "-0.25"}, "/abc",
-         "MESSAGE:\naddress:/abc\n types:,iif\ni { -2147483648 }\ni { 2147483647 }\nf { -0.250000 }"},
-        {{"ss", "abcd", ""}, "/korvalis/action/launchColumn/5",
+        {{"iif", "-2147483648", "2147483647", "-0.25"},
+         "/abc",
+         "MESSAGE:\naddress:/abc\n types:,iif\ni { -2147483648 }\ni { 2147483647 }\nf { -0.250000 "
+         "}"},
+        {{"ss", "abcd", ""},
+         "/korvalis/action/launchColumn/5",
          "MESSAGE:\naddress:/korvalis/action/launchColumn/5\n types:,ss\ns { abcd }\ns {  }"},
         {{"fT", "1", ""}, "/t", ""},
         {{"d", "0.5"}, "/d", ""},
@@ -87,8 +92,8 @@ TEST_F(OSCInteropTest, OscsendfileBundlesDecodeWithTheirElements) {
     {
         std::ofstream(dir + "/immediate.txt") << "/a/b ifs 3 1.5 hi\n/c f 2.5\n";
         std::ofstream(dir + "/timed.txt") << "eeae33b4.dcb955f6 /x i 1\n"
-                                              "eeae33b4.dcb955f6 /y i 2\n"
-                                              "eeae33b5.00000000 /z i 3\n";
+                                             "eeae33b4.dcb955f6 /y i 2\n"
+                                             "eeae33b5.00000000 /z i 3\n";
     }
     runTool({"oscsendfile", "127.0.0.1", port(), dir + "/immediate.txt"}, 1);
     const auto immediate = BBOSCDecoder::decodeData(recorder->datagrams.at(0));
@@ -116,7 +121,8 @@ class OscdumpTest : public ::testing::Test {
 protected:
     void SetUp() override {
         port = ts::test::freeUdpPort();
-        dump = std::make_unique<ChildProcess>(std::vector<std::string>{"oscdump", "-L", std::to_string(port)});
+        dump = std::make_unique<ChildProcess>(
+            std::vector<std::string>{"oscdump", "-L", std::to_string(port)});
         ASSERT_TRUE(dump->started());
         ASSERT_TRUE(ts::test::waitUntilUdpPortBound(port, 5s));
         sender = BBOSCSender::senderWithDestinationHostNamePortNumber("127.0.0.1", port);
@@ -162,14 +168,16 @@ TEST_F(OscdumpTest, SentMessagesAndBundlesAreReadBack) {
     // since 2001 plus the system's fixed offset 0x5C000000.
     const uint32_t seconds = static_cast<uint32_t>(std::stoul(tag.substr(0, 8), nullptr, 16));
     const auto wire = [](double date) {
-        return static_cast<uint32_t>(static_cast<int32_t>(date)) + BBOSCDataUtilities::kTimeTagOffset;
+        return static_cast<uint32_t>(static_cast<int32_t>(date)) +
+               BBOSCDataUtilities::kTimeTagOffset;
     };
     EXPECT_GE(seconds, wire(before));
     EXPECT_LE(seconds, wire(after));
 
     // A bundle larger than one datagram reaches the peer whole, in order.
     for (int i = 0; i < 300; ++i) {
-        auto big = BBOSCMessage::messageWithBBOSCAddress(BBOSCAddress::addressWithString("/big/element"));
+        auto big =
+            BBOSCMessage::messageWithBBOSCAddress(BBOSCAddress::addressWithString("/big/element"));
         big->attachArgument(BBOSCArgument::argumentWithInt(i));
         big->attachArgument(BBOSCArgument::argumentWithString("padding padding padding"));
         sender->addOSCMessage(std::move(big));
@@ -178,7 +186,8 @@ TEST_F(OscdumpTest, SentMessagesAndBundlesAreReadBack) {
     lines = dump->readLines(4 + 300, 5s);
     ASSERT_EQ(lines.size(), 304u);
     for (int i = 0; i < 300; ++i)
-        EXPECT_EQ(body(lines[size_t(4 + i)]), "/big/element is " + std::to_string(i) + " \"padding padding padding\"");
+        EXPECT_EQ(body(lines[size_t(4 + i)]),
+                  "/big/element is " + std::to_string(i) + " \"padding padding padding\"");
 }
 
 } // namespace

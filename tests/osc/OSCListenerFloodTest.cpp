@@ -95,7 +95,8 @@ TEST(OSCListenerFlood, QueueStaysBoundedAndDropsAreReported) {
     int lines = 0;
     EXPECT_TRUE(ts::test::spinUntil(
         [&] { return reportedDrops(log, lines) == listener->droppedDatagramCount(); }, 5s));
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     EXPECT_GE(lines, 1);
     EXPECT_LE(lines, static_cast<int>(seconds) + 1) << seconds << " s";
 

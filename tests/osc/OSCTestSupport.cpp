@@ -68,7 +68,9 @@ UdpEndpoint::UdpEndpoint() {
     setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
 }
 
-UdpEndpoint::~UdpEndpoint() { close(fd_); }
+UdpEndpoint::~UdpEndpoint() {
+    close(fd_);
+}
 
 bool UdpEndpoint::sendTo(int port, const Bytes& datagram) const {
     const sockaddr_in a = loopback(port);

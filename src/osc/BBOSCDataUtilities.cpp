@@ -46,10 +46,11 @@ void BBOSCDataUtilities::appendUInt(BBOSCBytes& out, uint32_t value) {
 }
 
 bool BBOSCDataUtilities::isASCII(std::string_view string) {
+    // No early exit: the loop stays simple enough to be vectorised.
+    unsigned char high = 0;
     for (char c : string)
-        if (static_cast<unsigned char>(c) > 0x7F)
-            return false;
-    return true;
+        high |= static_cast<unsigned char>(c);
+    return high <= 0x7F;
 }
 
 void BBOSCDataUtilities::appendString(BBOSCBytes& out, std::string_view string) {

@@ -38,4 +38,9 @@ public:
                                                                 size_t start, size_t& end);
     static std::optional<BBOSCBytes>
     dataBlobFromDataStartingAtEndingAt(std::span<const uint8_t> data, size_t start, size_t& end);
+
+private:
+    // Reads one argument into `argument` in place (no temporary).
+    static bool readArgument(std::span<const uint8_t> data, size_t start, size_t& end, char type,
+                             BBOSCArgument& argument);
 };

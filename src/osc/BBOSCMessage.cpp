@@ -4,6 +4,58 @@
 #include <cstring>
 #include <new>
 
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define TS_OSC_RECYCLE_MESSAGES 0 // let the sanitizers see every allocation
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TS_OSC_RECYCLE_MESSAGES 0
+#else
+#define TS_OSC_RECYCLE_MESSAGES 1
+#endif
+#else
+#define TS_OSC_RECYCLE_MESSAGES 1
+#endif
+
+#if TS_OSC_RECYCLE_MESSAGES
+// Freed message blocks of this thread, handed out again before the global
+// allocator is asked. Blocks come from and go back to ::operator new, so a
+// message made on one thread may be freed on another.
+struct MessageBlockCache {
+    static constexpr size_t kCapacity = 256;
+    void* blocks[kCapacity];
+    size_t count = 0;
+    ~MessageBlockCache() {
+        while (count > 0)
+            ::operator delete(blocks[--count]);
+    }
+};
+thread_local MessageBlockCache messageBlocks;
+#endif
+
+} // namespace
+
+void* BBOSCMessage::operator new(size_t size) {
+#if TS_OSC_RECYCLE_MESSAGES
+    MessageBlockCache& cache = messageBlocks;
+    if (size == sizeof(BBOSCMessage) && cache.count > 0)
+        return cache.blocks[--cache.count];
+#endif
+    return ::operator new(size);
+}
+
+void BBOSCMessage::operator delete(void* block, size_t size) noexcept {
+#if TS_OSC_RECYCLE_MESSAGES
+    MessageBlockCache& cache = messageBlocks;
+    if (size == sizeof(BBOSCMessage) && cache.count < MessageBlockCache::kCapacity) {
+        cache.blocks[cache.count++] = block;
+        return;
+    }
+#endif
+    ::operator delete(block, size);
+}
+
 BBOSCMessage::BBOSCMessage(const BBOSCMessage& other) : BBOSCPacket(other), address_(other.address_) {
     reserveArguments(other.count_);
     for (const BBOSCArgument& a : other.attachedObjects())

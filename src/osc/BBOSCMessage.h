@@ -25,6 +25,11 @@ public:
     BBOSCMessage& operator=(const BBOSCMessage& other);
     ~BBOSCMessage() override;
 
+    // Message blocks are recycled per thread: a bundle of many messages
+    // would otherwise outrun the allocator's small per-thread cache.
+    static void* operator new(size_t size);
+    static void operator delete(void* block, size_t size) noexcept;
+
     static std::unique_ptr<BBOSCMessage> messageWithBBOSCAddress(BBOSCAddress address) {
         return std::make_unique<BBOSCMessage>(std::move(address));
     }

@@ -7,6 +7,8 @@
 #include "osc/OSCTestSupport.h"
 #include "support/TestSupport.h"
 
+#include <QDir>
+#include <QFile>
 #include <QJsonArray>
 #include <QProcess>
 #include <gtest/gtest.h>
@@ -26,7 +28,8 @@ struct Received {
 // Every message of a datagram, bundles flattened in wire order.
 void collect(const BBOSCPacket& packet, std::vector<Received>& out) {
     if (const BBOSCMessage* m = packet.asMessage()) {
-        out.push_back({m->addressString(), m->typeTagString(), m->attachedObjects()});
+        const auto args = m->attachedObjects();
+        out.push_back({m->addressString(), m->typeTagString(), {args.begin(), args.end()}});
     } else if (const BBOSCBundle* b = packet.asBundle()) {
         for (const auto& e : b->attachedObjects())
             collect(*e, out);

@@ -22,13 +22,30 @@ public:
 
 std::unique_ptr<MIDIService> createNoMIDIService() { return std::make_unique<NoMIDIService>(); }
 
-// The backends register their factories here when they are built in.
-std::unique_ptr<MIDIService> createALSAMIDIService() __attribute__((weak));
-std::unique_ptr<MIDIService> createJACKMIDIService() __attribute__((weak));
+// Each backend built in defines its factory (and TS_WITH_<BACKEND>); each
+// answers nullptr, with a log line, when its service cannot be reached.
+#ifdef TS_WITH_ALSA
+std::unique_ptr<MIDIService> createALSAMIDIService();
+#endif
+#ifdef TS_WITH_JACK
+std::unique_ptr<MIDIService> createJACKMIDIService();
+#endif
 
 std::unique_ptr<MIDIService> createMIDIService(const std::string& backend) {
-    const auto tryALSA = [] { return createALSAMIDIService ? createALSAMIDIService() : nullptr; };
-    const auto tryJACK = [] { return createJACKMIDIService ? createJACKMIDIService() : nullptr; };
+    const auto tryALSA = []() -> std::unique_ptr<MIDIService> {
+#ifdef TS_WITH_ALSA
+        return createALSAMIDIService();
+#else
+        return nullptr;
+#endif
+    };
+    const auto tryJACK = []() -> std::unique_ptr<MIDIService> {
+#ifdef TS_WITH_JACK
+        return createJACKMIDIService();
+#else
+        return nullptr;
+#endif
+    };
     std::unique_ptr<MIDIService> service;
     if (backend == "none") {
         return createNoMIDIService();

@@ -317,6 +317,18 @@ std::vector<MIDIEndpointInfo> JACKMIDIService::destinations() {
     return listEndpoints(JackPortIsInput);
 }
 
+template <typename Ports>
+std::string JACKMIDIService::privatePortName(const char* prefix, const Ports& ports) {
+    // The lowest number no other private port of ours carries: "in 1", "in 2"...
+    for (int n = 1;; ++n) {
+        const std::string name = prefix + std::to_string(n);
+        if (std::none_of(ports.begin(), ports.end(), [&](const auto& slot) {
+                return slot.used && !slot.isVirtual && slot.portName == name;
+            }))
+            return name;
+    }
+}
+
 std::string JACKMIDIService::findPortName(std::uint32_t uniqueID, unsigned long flags) {
     jack_client_t* client = client_.load();
     std::string found;
@@ -463,7 +475,7 @@ bool JACKMIDIService::connectSource(std::uint32_t sourceID, ReceiveHandler handl
     InputPort& slot = *free;
     slot.used = true;
     slot.isVirtual = false;
-    slot.portName = "in " + std::to_string(free - inputs_.begin() + 1);
+    slot.portName = privatePortName("in ", inputs_);
     slot.sourceID = sourceID;
     slot.sourceName = sourceName;
     {
@@ -558,7 +570,7 @@ bool JACKMIDIService::send(std::uint32_t destinationID, const MIDIPacketList& pa
     OutputPort& slot = *free;
     slot.used = true;
     slot.isVirtual = false;
-    slot.portName = "out " + std::to_string(free - outputs_.begin() + 1);
+    slot.portName = privatePortName("out ", outputs_);
     slot.destinationID = destinationID;
     slot.destinationName = destinationName;
     if (!registerPort(slot)) {

@@ -130,6 +130,8 @@ private:
     std::vector<MIDIEndpointInfo> listEndpoints(unsigned long flags);
     std::string findPortName(std::uint32_t uniqueID, unsigned long flags);
     std::string endpointSnapshot(); // caller holds mutex_
+    template <typename Ports>
+    static std::string privatePortName(const char* prefix, const Ports& ports);
     bool writePackets(OutputPort& slot, const MIDIPacketList& packets);
 
     void run();

@@ -258,8 +258,10 @@ void JACKMIDIService::connectPorts() {
         if (!slot.used || slot.isVirtual || !port)
             continue;
         if (!jack_port_connected_to(port, slot.destinationName.c_str()) &&
-            jack_port_by_name(client, slot.destinationName.c_str()))
+            jack_port_by_name(client, slot.destinationName.c_str())) {
             jack_connect(client, jack_port_name(port), slot.destinationName.c_str());
+            slot.firstCycle.store(cycles_.load() + 2);
+        }
     }
 }
 
@@ -579,6 +581,7 @@ bool JACKMIDIService::send(std::uint32_t destinationID, const MIDIPacketList& pa
     }
     const int rc =
         jack_connect(client, jack_port_name(slot.port.load()), destinationName.c_str());
+    slot.firstCycle.store(cycles_.load() + 2);
     if (rc != 0 && rc != EEXIST) {
         ts::logf("MIDI: JACK cannot connect Tessarine to \"%s\"", destinationName.c_str());
         releasePort(slot.port);
@@ -831,6 +834,8 @@ int JACKMIDIService::process(jack_nframes_t frames) {
             continue;
         void* buffer = jack_port_get_buffer(port, frames);
         jack_midi_clear_buffer(buffer);
+        if (cycles_.load(std::memory_order_relaxed) < slot.firstCycle.load(std::memory_order_relaxed))
+            continue; // its connection is not in the graph yet
         jack_ringbuffer_t* ring = slot.ring;
         std::uint32_t size = 0;
         while (jack_ringbuffer_read_space(ring) >= sizeof size) {

@@ -103,6 +103,10 @@ private:
         // destructor. Written under mutex_ (one writer), read by the process
         // callback (one reader).
         jack_ringbuffer_t* ring = nullptr;
+        // A connection takes effect at a cycle boundary after jack_connect
+        // returns; the ring is drained only from this process cycle on, so
+        // the first bytes sent to a new connection are not lost.
+        std::atomic<std::uint64_t> firstCycle{0};
         // Under mutex_:
         bool used = false;
         bool isVirtual = false;

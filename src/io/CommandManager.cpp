@@ -43,7 +43,9 @@ bool flagOrOn(const ts::Defaults& defaults, const char* key) {
 
 // A system call's failure in the usual "label: reason" form; the log writes
 // it to standard error as well.
-void logSystemError(const char* label, int error) { ts::logf("%s: %s", label, std::strerror(error)); }
+void logSystemError(const char* label, int error) {
+    ts::logf("%s: %s", label, std::strerror(error));
+}
 
 bool isASCII(const std::string& text) {
     for (unsigned char c : text)
@@ -70,7 +72,9 @@ CommandManager::CommandManager(QObject* parent) : QObject(parent) {
     resetCommandListener();
 }
 
-CommandManager::~CommandManager() { stopListening(); }
+CommandManager::~CommandManager() {
+    stopListening();
+}
 
 // --- settings ---------------------------------------------------------------
 
@@ -115,7 +119,9 @@ void CommandManager::setCommandListenerEnabled(bool enabled) {
     resetCommandListener();
 }
 
-void CommandManager::setNilValueForKey(const QString& key) { ts::setNilValueForKey(*this, key); }
+void CommandManager::setNilValueForKey(const QString& key) {
+    ts::setNilValueForKey(*this, key);
+}
 
 // --- sending ----------------------------------------------------------------
 
@@ -282,13 +288,13 @@ void CommandManager::listenThread(int sock, int wake, std::uint64_t generation) 
         for (bool running = true; running;) {
             int timeout = -1;
             if (invalid > 0) {
-                const auto due = lastInvalidLog + std::chrono::seconds(1) -
-                                 std::chrono::steady_clock::now();
+                const auto due =
+                    lastInvalidLog + std::chrono::seconds(1) - std::chrono::steady_clock::now();
                 if (due <= std::chrono::steady_clock::duration::zero())
                     reportInvalid();
                 else
-                    timeout = static_cast<int>(
-                        std::chrono::ceil<std::chrono::milliseconds>(due).count());
+                    timeout =
+                        static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(due).count());
             }
             const int ready = poll(fds, 2, timeout);
             if (ready < 0) {
@@ -318,14 +324,15 @@ void CommandManager::listenThread(int sock, int wake, std::uint64_t generation) 
                 const std::span<const std::uint8_t> bytes(buffer.data(), static_cast<size_t>(n));
                 if (!isValidUTF8(bytes)) {
                     ++invalid;
-                    if (std::chrono::steady_clock::now() - lastInvalidLog >= std::chrono::seconds(1))
+                    if (std::chrono::steady_clock::now() - lastInvalidLog >=
+                        std::chrono::seconds(1))
                         reportInvalid();
                     continue;
                 }
                 // On this thread, before the next datagram is taken.
                 if (TessarineController* controller = TessarineController::sharedController())
-                    controller->processCommandWithString(
-                        std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+                    controller->processCommandWithString(std::string_view(
+                        reinterpret_cast<const char*>(bytes.data()), bytes.size()));
             }
         }
     } catch (const std::exception& e) {

@@ -42,8 +42,8 @@ class Defaults;
 
 class CommandManager : public QObject, public CommandOutputPort {
     Q_OBJECT
-    Q_PROPERTY(QString commandSenderMachine READ commandSenderMachine WRITE
-                   setCommandSenderMachine NOTIFY commandSenderMachineChanged)
+    Q_PROPERTY(QString commandSenderMachine READ commandSenderMachine WRITE setCommandSenderMachine
+                   NOTIFY commandSenderMachineChanged)
     Q_PROPERTY(int commandSenderPort READ commandSenderPort WRITE setCommandSenderPort NOTIFY
                    commandSenderPortChanged)
     Q_PROPERTY(bool commandSenderEnabled READ commandSenderEnabled WRITE setCommandSenderEnabled

@@ -99,7 +99,9 @@ void OSCManager::setOscListenerEnabled(bool enabled) {
     resetOscListener();
 }
 
-void OSCManager::setNilValueForKey(const QString& key) { ts::setNilValueForKey(*this, key); }
+void OSCManager::setNilValueForKey(const QString& key) {
+    ts::setNilValueForKey(*this, key);
+}
 
 // --- rebuilding -------------------------------------------------------------
 
@@ -129,8 +131,8 @@ void OSCManager::resetOscListener() {
     if (settings_.listenerEnabled) {
         oscListener_ = BBOSCListener::defaultListenerOnPort(settings_.listenerPort);
         if (oscListener_)
-            oscListener_->setDelegate(
-                DelegateWrapper::wrapperWithTargetAndSelector(this, &OSCManager::dispatchRawPacket));
+            oscListener_->setDelegate(DelegateWrapper::wrapperWithTargetAndSelector(
+                this, &OSCManager::dispatchRawPacket));
     }
     emit oscListenerChanged();
 }

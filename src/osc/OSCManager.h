@@ -45,8 +45,8 @@ class OSCManager : public QObject, public OSCOutputPort {
     Q_OBJECT
     Q_PROPERTY(QString oscSenderMachine READ oscSenderMachine WRITE setOscSenderMachine NOTIFY
                    oscSenderMachineChanged)
-    Q_PROPERTY(int oscSenderPort READ oscSenderPort WRITE setOscSenderPort NOTIFY
-                   oscSenderPortChanged)
+    Q_PROPERTY(
+        int oscSenderPort READ oscSenderPort WRITE setOscSenderPort NOTIFY oscSenderPortChanged)
     Q_PROPERTY(bool oscSenderEnabled READ oscSenderEnabled WRITE setOscSenderEnabled NOTIFY
                    oscSenderEnabledChanged)
     Q_PROPERTY(int oscListenerPort READ oscListenerPort WRITE setOscListenerPort NOTIFY
@@ -116,8 +116,8 @@ public:
     void updateLocalIP() { emit localIPChanged(); }
 
     struct InterfaceAddress {
-        std::string name;     // "eth0", "wlp2s0", "lo" ...
-        std::string address;  // dotted IPv4
+        std::string name;    // "eth0", "wlp2s0", "lo" ...
+        std::string address; // dotted IPv4
     };
     // The rule behind localIP over a list in the system's order: the last
     // entry whose name begins with "en", "eth" or "wl".

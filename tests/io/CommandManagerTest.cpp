@@ -157,7 +157,9 @@ TEST_F(CommandManagerTest, ExactBytesOnTheWireWhateverTheValue) {
     const Row rows[] = {
         {"scene1", {0x73, 0x63, 0x65, 0x6E, 0x65, 0x31}},
         {"GO\n", {0x47, 0x4F, 0x0A}},
-        {QString::fromUtf8("d\xC3\xA9" "but"), {0x64, 0xC3, 0xA9, 0x62, 0x75, 0x74}},
+        {QString::fromUtf8("d\xC3\xA9"
+                           "but"),
+         {0x64, 0xC3, 0xA9, 0x62, 0x75, 0x74}},
         {"", {}},
     };
     for (const Row& row : rows) {
@@ -201,13 +203,25 @@ TEST_F(CommandManagerTest, FailureTextsOfTheSender) {
         std::vector<std::string> lines;
     };
     const Row rows[] = {
-        {"host name not ASCII", QString::fromUtf8("h\xC3\xB4te"), -1, "a",
+        {"host name not ASCII",
+         QString::fromUtf8("h\xC3\xB4te"),
+         -1,
+         "a",
          {"Cannot initialize socket to send string 'a'"}},
-        {"port out of range", "127.0.0.1", 70000, "b",
+        {"port out of range",
+         "127.0.0.1",
+         70000,
+         "b",
          {"Cannot initialize socket to send string 'b'"}},
-        {"port 0 refused by the system", "127.0.0.1", 0, "c",
+        {"port 0 refused by the system",
+         "127.0.0.1",
+         0,
+         "c",
          {"sendto: Invalid argument", "Error while sending string 'c'"}},
-        {"datagram too long", "127.0.0.1", -1, QString::fromStdString(oversize),
+        {"datagram too long",
+         "127.0.0.1",
+         -1,
+         QString::fromStdString(oversize),
          {"sendto: Message too long", "Error while sending string '" + oversize + "'"}},
     };
     for (const Row& row : rows) {
@@ -268,19 +282,19 @@ TEST(CommandManagerText, Utf8Validation) {
         {{}, true},
         {bytesOf("scene1"), true},
         {{0x00}, true},
-        {{0xC3, 0xA9}, true},                   // é
-        {{0xE2, 0x82, 0xAC}, true},             // €
-        {{0xF0, 0x9F, 0x8E, 0xAC}, true},       // U+1F3AC
-        {{0xF4, 0x8F, 0xBF, 0xBF}, true},       // U+10FFFF
-        {{0x80}, false},                        // continuation alone
-        {{0xC3}, false},                        // cut short
-        {{0xE2, 0x82}, false},                  // cut short
-        {{0xC3, 0x41}, false},                  // not a continuation
-        {{0xC0, 0xAF}, false},                  // overlong '/'
-        {{0xE0, 0x80, 0xAF}, false},            // overlong '/'
-        {{0xF0, 0x80, 0x80, 0xAF}, false},      // overlong '/'
-        {{0xED, 0xA0, 0x80}, false},            // surrogate U+D800
-        {{0xF4, 0x90, 0x80, 0x80}, false},      // above U+10FFFF
+        {{0xC3, 0xA9}, true},                    // é
+        {{0xE2, 0x82, 0xAC}, true},              // €
+        {{0xF0, 0x9F, 0x8E, 0xAC}, true},        // U+1F3AC
+        {{0xF4, 0x8F, 0xBF, 0xBF}, true},        // U+10FFFF
+        {{0x80}, false},                         // continuation alone
+        {{0xC3}, false},                         // cut short
+        {{0xE2, 0x82}, false},                   // cut short
+        {{0xC3, 0x41}, false},                   // not a continuation
+        {{0xC0, 0xAF}, false},                   // overlong '/'
+        {{0xE0, 0x80, 0xAF}, false},             // overlong '/'
+        {{0xF0, 0x80, 0x80, 0xAF}, false},       // overlong '/'
+        {{0xED, 0xA0, 0x80}, false},             // surrogate U+D800
+        {{0xF4, 0x90, 0x80, 0x80}, false},       // above U+10FFFF
         {{0xF8, 0x88, 0x80, 0x80, 0x80}, false}, // five-byte form
         {{0xFF}, false},
     };
@@ -293,16 +307,12 @@ TEST(CommandManagerText, Utf8Validation) {
 TEST_F(CommandManagerTest, ListenerRebuildsAndReportsWhetherItRuns) {
     plug("a", "/a");
     std::vector<std::string> notices;
-    QObject::connect(manager.get(), &CommandManager::commandListenerRunningAboutToChange,
-                     manager.get(), [&] {
-                         notices.push_back(manager->commandListenerRunning() ? "before:on"
-                                                                             : "before:off");
-                     });
-    QObject::connect(manager.get(), &CommandManager::commandListenerRunningChanged, manager.get(),
-                     [&] {
-                         notices.push_back(manager->commandListenerRunning() ? "after:on"
-                                                                             : "after:off");
-                     });
+    QObject::connect(
+        manager.get(), &CommandManager::commandListenerRunningAboutToChange, manager.get(),
+        [&] { notices.push_back(manager->commandListenerRunning() ? "before:on" : "before:off"); });
+    QObject::connect(
+        manager.get(), &CommandManager::commandListenerRunningChanged, manager.get(),
+        [&] { notices.push_back(manager->commandListenerRunning() ? "after:on" : "after:off"); });
     UdpPeer busy(freeUdpPort());
     ASSERT_TRUE(busy.bound());
     const int other = freeUdpPort();

@@ -22,7 +22,9 @@ namespace ts::test {
 
 using Bytes = std::vector<std::uint8_t>;
 
-inline Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.end()); }
+inline Bytes bytesOf(std::string_view text) {
+    return Bytes(text.begin(), text.end());
+}
 
 // A UDP port that nothing uses at the moment (the kernel's choice, so tests
 // running side by side do not collide).
@@ -81,7 +83,8 @@ public:
 
     // Waits for a datagram while the main thread's event loop runs (the
     // OSC sender flushes from it).
-    std::optional<Bytes> receive(std::chrono::milliseconds timeout = std::chrono::seconds(5)) const {
+    std::optional<Bytes>
+    receive(std::chrono::milliseconds timeout = std::chrono::seconds(5)) const {
         std::optional<Bytes> got;
         spinUntil([&] { return (got = tryReceive()).has_value(); }, timeout);
         return got;

@@ -27,8 +27,7 @@ using ts::test::UdpPeer;
 
 // Settings pointing at free ports, so that nothing here touches 7000/7001.
 struct ManagerOnFreePorts {
-    explicit ManagerOnFreePorts(PrivateSettings& settings)
-        : listenPort(freeUdpPort()) {
+    explicit ManagerOnFreePorts(PrivateSettings& settings) : listenPort(freeUdpPort()) {
         settings.defaults().setIntegerForKey(listenPort, "oscListenerPort");
         settings.defaults().setIntegerForKey(receiver.port(), "oscSenderPort");
         settings.defaults().setStringForKey("127.0.0.1", "oscSenderMachine");
@@ -131,18 +130,30 @@ TEST(OSCManagerSettings, EverySetterStoresRebuildsAndSurvivesARestart) {
         std::vector<std::string> notices;
     };
     const Row rows[] = {
-        {"oscSenderMachine", [&] { manager.setOscSenderMachine("localhost"); }, "localhost",
+        {"oscSenderMachine",
+         [&] { manager.setOscSenderMachine("localhost"); },
+         "localhost",
          {"sender?", "sender!"}},
-        {"oscSenderPort", [&] { manager.setOscSenderPort(otherPort); }, otherPort,
+        {"oscSenderPort",
+         [&] { manager.setOscSenderPort(otherPort); },
+         otherPort,
          {"sender?", "sender!"}},
         // The same value again still rebuilds.
-        {"oscSenderPort", [&] { manager.setOscSenderPort(otherPort); }, otherPort,
+        {"oscSenderPort",
+         [&] { manager.setOscSenderPort(otherPort); },
+         otherPort,
          {"sender?", "sender!"}},
-        {"oscSenderIsEnabled", [&] { manager.setOscSenderEnabled(false); }, false,
+        {"oscSenderIsEnabled",
+         [&] { manager.setOscSenderEnabled(false); },
+         false,
          {"sender?", "sender!"}},
-        {"oscListenerPort", [&] { manager.setOscListenerPort(m.listenPort); }, m.listenPort,
+        {"oscListenerPort",
+         [&] { manager.setOscListenerPort(m.listenPort); },
+         m.listenPort,
          {"listener?", "listener!"}},
-        {"oscListenerIsEnabled", [&] { manager.setOscListenerEnabled(false); }, false,
+        {"oscListenerIsEnabled",
+         [&] { manager.setOscListenerEnabled(false); },
+         false,
          {"listener?", "listener!"}},
     };
     for (const Row& row : rows) {
@@ -340,9 +351,8 @@ TEST(OSCManagerSender, OneFloatMessageLeavesInTheNextBundle) {
     EXPECT_EQ(Bytes(got->begin(), got->begin() + 8), head);
     // The time tag (bytes 8 to 15) is the moment of the first add; then each
     // element, sized, in the order sent.
-    const Bytes elements = {0,    0,    0,   12,  '/', 'x', 0, 0, ',', 'f', 0, 0,
-                            0x3F, 0x00, 0,   0,   0,   0,   0, 12, '/', 'y', 0, 0,
-                            ',',  'f',  0,   0,   0x3F, 0x80, 0, 0};
+    const Bytes elements = {0, 0, 0, 12, '/', 'x', 0, 0, ',', 'f', 0, 0, 0x3F, 0x00, 0, 0,
+                            0, 0, 0, 12, '/', 'y', 0, 0, ',', 'f', 0, 0, 0x3F, 0x80, 0, 0};
     EXPECT_EQ(Bytes(got->begin() + 16, got->end()), elements);
     // One bundle for both, and nothing after it.
     ts::test::spinFor(std::chrono::milliseconds(50));
@@ -392,8 +402,12 @@ TEST(OSCManagerLocalIP, LastWiredOrWirelessInterfaceInSystemOrder) {
     const Row rows[] = {
         {{}, "(not set)"},
         {{{"lo", "127.0.0.1"}}, "(not set)"},
-        {{{"lo", "127.0.0.1"}, {"docker0", "172.17.0.1"}, {"veth1a2b", "169.254.3.4"},
-          {"tun0", "10.8.0.2"}, {"virbr0", "192.168.122.1"}},
+        {{{"lo", "127.0.0.1"},
+          {"docker0", "172.17.0.1"},
+          {"veth1a2b", "169.254.3.4"},
+          {"tun0", "10.8.0.2"},
+          {"virbr0", "192.168.122.1"},
+          {"wg0", "10.9.0.1"}},
          "(not set)"},
         {{{"lo", "127.0.0.1"}, {"eth0", "10.0.0.2"}}, "10.0.0.2"},
         {{{"enp3s0", "192.168.1.20"}, {"wlp2s0", "192.168.1.21"}, {"lo", "127.0.0.1"}},

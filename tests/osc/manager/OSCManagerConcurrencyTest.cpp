@@ -4,7 +4,7 @@
 
 #include "osc/OSCManager.h"
 
-#include "io/UdpTestPeer.h"
+#include "io/ManagerTestSupport.h"
 #include "osc/BBOSCDecoder.h"
 #include "osc/BBOSCSender.h"
 
@@ -16,11 +16,13 @@ namespace {
 
 using ts::test::Bytes;
 using ts::test::PrivateSettings;
-using ts::test::UdpPeer;
+using ts::test::receiveSpinning;
+using ts::test::tryReceive;
+using ts::test::UdpEndpoint;
 
 // Every message of every bundle received: address and its one float.
-void expectWholeOneFloatBundles(const UdpPeer& peer, int& messages) {
-    while (std::optional<Bytes> datagram = peer.tryReceive()) {
+void expectWholeOneFloatBundles(const UdpEndpoint& peer, int& messages) {
+    while (std::optional<Bytes> datagram = tryReceive(peer)) {
         const auto packet = BBOSCDecoder::decodeData(*datagram);
         ASSERT_NE(packet, nullptr);
         const BBOSCBundle* bundle = packet->asBundle();
@@ -38,7 +40,7 @@ void expectWholeOneFloatBundles(const UdpPeer& peer, int& messages) {
 
 TEST(OSCManagerConcurrency, SendsFromManyThreadsWhileTheSenderIsReplaced) {
     PrivateSettings settings;
-    UdpPeer first, second;
+    UdpEndpoint first, second;
     settings.defaults().setStringForKey("127.0.0.1", "oscSenderMachine");
     settings.defaults().setIntegerForKey(first.port(), "oscSenderPort");
     settings.defaults().setBoolForKey(false, "oscListenerIsEnabled");

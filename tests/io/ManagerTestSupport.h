@@ -8,7 +8,7 @@
 #include "support/TestSupport.h"
 
 #include <QString>
-#include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -42,7 +42,10 @@ inline int runToEnd(const std::vector<std::string>& argv) {
 class PrivateSettings {
 public:
     PrivateSettings() : dir_(makeTempDir("tessarine-settings")) { reopen(); }
-    ~PrivateSettings() { std::system(("rm -rf '" + dir_ + "'").c_str()); }
+    ~PrivateSettings() {
+        std::error_code ignored;
+        std::filesystem::remove_all(dir_, ignored);
+    }
     PrivateSettings(const PrivateSettings&) = delete;
     PrivateSettings& operator=(const PrivateSettings&) = delete;
 

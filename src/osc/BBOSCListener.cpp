@@ -143,6 +143,27 @@ void BBOSCListener::stopListening() {
     portNumber_ = 0;
 }
 
+// Copies one datagram and queues its delivery. Everything the main thread
+// reads of it is written here, before the queue hands it over; the
+// sanitizer suppressions of the tests name this function for that reason
+// (the queue's own lock is inside Qt, which the thread sanitizer cannot see).
+void BBOSCListener::queueDatagramForMainThread(const std::shared_ptr<Shared>& shared,
+                                               const uint8_t* data, size_t size) {
+    std::vector<uint8_t> bytes(data, data + size);
+    ts::enqueueOnMainThread([shared, bytes = std::move(bytes)] {
+        shared->pending.fetch_sub(1);
+        if (shared->discarded.load())
+            return;
+        std::shared_ptr<BBOSCListenerDelegate> delegate;
+        {
+            std::lock_guard lock(shared->delegateLock);
+            delegate = shared->delegate;
+        }
+        if (delegate)
+            delegate->dispatchRawPacket(bytes);
+    });
+}
+
 // Runs on the receive thread. Touches only the descriptors and the port
 // (fixed until the join in stopListening) and the shared state.
 void BBOSCListener::listenThread() {
@@ -217,19 +238,7 @@ void BBOSCListener::listenThread() {
                 size_t seen = shared->maximumPending.load(std::memory_order_relaxed);
                 while (now > seen && !shared->maximumPending.compare_exchange_weak(seen, now)) {
                 }
-                std::vector<uint8_t> bytes(buffer.begin(), buffer.begin() + n);
-                ts::enqueueOnMainThread([shared, bytes = std::move(bytes)] {
-                    shared->pending.fetch_sub(1);
-                    if (shared->discarded.load())
-                        return;
-                    std::shared_ptr<BBOSCListenerDelegate> delegate;
-                    {
-                        std::lock_guard lock(shared->delegateLock);
-                        delegate = shared->delegate;
-                    }
-                    if (delegate)
-                        delegate->dispatchRawPacket(bytes);
-                });
+                queueDatagramForMainThread(shared, buffer.data(), static_cast<size_t>(n));
             }
         }
     } catch (const std::exception& e) {

@@ -47,7 +47,9 @@ public:
     size_t packetizedSize() const;
     void appendPacketizedData(BBOSCBytes& out) const;
 
-    bool operator==(const BBOSCAddress& other) const { return addressView() == other.addressView(); }
+    bool operator==(const BBOSCAddress& other) const {
+        return addressView() == other.addressView();
+    }
 
 private:
     void assign(std::string_view address) {

@@ -191,15 +191,17 @@ std::unique_ptr<BBOSCMessage> BBOSCDecoder::decodeRawMessage(std::span<const uin
         case 'f':
             if (offset > length || length - offset < 4)
                 return nullptr;
-            new (&arguments[i]) BBOSCArgument(BBOSCArgument::Wire{}, tag, d + offset, 4, length - offset);
+            new (&arguments[i])
+                BBOSCArgument(BBOSCArgument::Wire{}, tag, d + offset, 4, length - offset);
             offset += 4;
             break;
         case 's': {
             PaddedString text;
             if (!readPaddedString(data, offset, text))
                 return nullptr;
-            new (&arguments[i]) BBOSCArgument(BBOSCArgument::Wire{}, 's', d + offset,
-                                              static_cast<uint32_t>(text.next - offset), length - offset);
+            new (&arguments[i])
+                BBOSCArgument(BBOSCArgument::Wire{}, 's', d + offset,
+                              static_cast<uint32_t>(text.next - offset), length - offset);
             offset = text.next;
             break;
         }

@@ -45,7 +45,7 @@ void* BBOSCMessage::operator new(size_t size) {
     return ::operator new(size);
 }
 
-void BBOSCMessage::operator delete(void* block, size_t size) noexcept {
+void BBOSCMessage::operator delete(void* block, [[maybe_unused]] size_t size) noexcept {
 #if TS_OSC_RECYCLE_MESSAGES
     MessageBlockCache& cache = messageBlocks;
     if (size == sizeof(BBOSCMessage) && cache.count < MessageBlockCache::kCapacity) {
@@ -53,10 +53,11 @@ void BBOSCMessage::operator delete(void* block, size_t size) noexcept {
         return;
     }
 #endif
-    ::operator delete(block, size);
+    ::operator delete(block);
 }
 
-BBOSCMessage::BBOSCMessage(const BBOSCMessage& other) : BBOSCPacket(other), address_(other.address_) {
+BBOSCMessage::BBOSCMessage(const BBOSCMessage& other)
+    : BBOSCPacket(other), address_(other.address_) {
     reserveArguments(other.count_);
     for (const BBOSCArgument& a : other.attachedObjects())
         appendArgument() = a;
@@ -96,7 +97,6 @@ void BBOSCMessage::growArguments(size_t count) {
     arguments_ = grown;
     capacity_ = static_cast<uint32_t>(count);
 }
-
 
 void BBOSCMessage::attachArguments(std::vector<BBOSCArgument> arguments) {
     reserveArguments(count_ + arguments.size());

@@ -6,9 +6,9 @@
 #include "platform/Log.h"
 #include "support/TestSupport.h"
 
+#include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <cstdlib>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -43,7 +43,8 @@ uint64_t reportedDrops(const ts::LogCapture& log, int& lines) {
     lines = 0;
     for (const std::string& line : log.lines()) {
         const size_t at = line.find(" dropped ");
-        if (at == std::string::npos || line.find(" datagrams: the main thread is behind") == std::string::npos)
+        if (at == std::string::npos ||
+            line.find(" datagrams: the main thread is behind") == std::string::npos)
             continue;
         sum += std::strtoull(line.c_str() + at + 9, nullptr, 10);
         ++lines;

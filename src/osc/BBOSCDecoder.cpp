@@ -205,6 +205,27 @@ std::unique_ptr<BBOSCMessage> BBOSCDecoder::decodeRawMessage(std::span<const uin
             offset = text.next;
             break;
         }
+        case 'b': {
+            size_t blobSize = 0, at = 0;
+            if (!readBlob(data, offset, blobSize, at))
+                return nullptr;
+            const size_t end = at + BBOSCDataUtilities::paddedLength(blobSize);
+            // With its zero padding present the blob is kept as it came, in
+            // one copy; otherwise it is padded anew.
+            bool padded = end <= length;
+            for (size_t k = at + blobSize; padded && k < end; ++k)
+                padded = d[k] == 0;
+            if (padded) {
+                new (&arguments[i])
+                    BBOSCArgument(BBOSCArgument::Wire{}, 'b', d + offset,
+                                  static_cast<uint32_t>(end - offset), length - offset);
+            } else {
+                new (&arguments[i]) BBOSCArgument();
+                arguments[i].setDataBlobValue(data.subspan(at, blobSize));
+            }
+            offset = end;
+            break;
+        }
         default: {
             size_t end = 0;
             BBOSCArgument* argument = new (&arguments[i]) BBOSCArgument();

@@ -23,6 +23,7 @@ public:
     BBOSCAddress() = default;
     explicit BBOSCAddress(std::string&& address) { assign(address); }
     explicit BBOSCAddress(std::string_view address) { assign(address); }
+    // A null pointer gives the empty address.
     explicit BBOSCAddress(const char* address) { assign(address ? address : ""); }
 
     static BBOSCAddress addressWithString(std::string_view address) {

@@ -125,11 +125,11 @@ private:
             delete[] heap_;
         size_ = 0;
     }
-    // The decoder's copy from a datagram; `readable` is how many bytes may
+    // The decoder's copies from a datagram. `readable` is how many bytes may
     // be read from `data` (at least `size`), which lets short data be copied
-    // as one fixed-size block. Bytes past `size` are never looked at.
+    // as one fixed-size block; bytes past `size` are never looked at. The
+    // constructor form builds the argument in place, with no clearing first.
     struct Wire {};
-    // Same copy, made while constructing (no clearing first).
     BBOSCArgument(Wire, char type, const uint8_t* data, uint32_t size, size_t readable)
         : type_(type), size_(size), heap_(nullptr) {
         if (size <= kInlineSize && readable >= kInlineSize) {

@@ -1,14 +1,17 @@
 #include "app/TessarineController.h"
 
 #include "dmx/LODMXResponse.h"
+#include "io/CommandManager.h"
 #include "midi/VVMIDIMessage.h"
 #include "osc/BBOSCDecoder.h"
 #include "osc/BBOSCListener.h"
 #include "osc/BBOSCListenerDelegate.h"
 #include "osc/BBOSCSender.h"
+#include "osc/OSCManager.h"
 #include "platform/Defaults.h"
 #include "platform/Log.h"
 #include "platform/MainThread.h"
+#include "platform/NilValue.h"
 #include "platform/NotificationCenter.h"
 #include "signals/TSCommandSignal.h"
 #include "signals/TSDmxSignal.h"
@@ -29,7 +32,6 @@ std::atomic<TessarineController*> sharedInstance{nullptr};
 
 constexpr int kDefaultKorvalisSendPort = 5000;
 constexpr int kDefaultKorvalisListenPort = 5001;
-constexpr int kClearedNumericSetting = 1111;
 const char* const kKorvalisHost = "127.0.0.1"; // Korvalis always runs on this machine
 
 // The Korvalis listener hands datagrams to the controller through this.
@@ -95,6 +97,7 @@ TessarineController::TessarineController(Wiring wiring) : wiring_(std::move(wiri
 }
 
 TessarineController::~TessarineController() {
+    stopInputThreads();
     TessarineController* self = this;
     sharedInstance.compare_exchange_strong(self, nullptr);
     for (auto token : dmxObservers_)
@@ -362,12 +365,11 @@ void TessarineController::updateDmxMode(int mode) {
     updateDmxBridge();
 }
 
-void TessarineController::setNilValueForKey(const QString& key) {
-    const QByteArray name = key.toUtf8();
-    const int index = metaObject()->indexOfProperty(name.constData());
-    if (index < 0 || !metaObject()->property(index).isWritable() ||
-        !setProperty(name.constData(), kClearedNumericSetting))
-        ts::logf("Cannot set %s", name.constData());
+void TessarineController::setNilValueForKey(const QString& key) { ts::setNilValueForKey(*this, key); }
+
+void TessarineController::updateLocalIP() {
+    if (auto* osc = dynamic_cast<OSCManager*>(wiring_.osc.get()))
+        osc->updateLocalIP();
 }
 
 // --- keys -------------------------------------------------------------------
@@ -558,4 +560,16 @@ void TessarineController::savePlugs() {
     ts::Defaults::standard().setJsonForKey(archivePlugs(plugs_.arrangedObjects()), "plugs");
 }
 
-void TessarineController::applicationWillTerminate() { savePlugs(); }
+void TessarineController::applicationWillTerminate() {
+    stopInputThreads();
+    savePlugs();
+}
+
+// Inputs that call in on threads of their own stop first, so nothing arrives
+// while the list is stored or the controller goes away. The managers stay
+// (other threads may still be sending through them) and are released with
+// the controller.
+void TessarineController::stopInputThreads() {
+    if (auto* command = dynamic_cast<CommandManager*>(wiring_.command.get()))
+        command->stopListening();
+}

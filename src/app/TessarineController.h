@@ -124,6 +124,8 @@ public:
     bool consoleVisible() const { return consoleVisible_.load(std::memory_order_relaxed); }
     QString consoleText() const { return consoleText_; }
     void updateDmxMode(int mode);
+    // Asks the OSC manager to tell the settings window the local address again.
+    void updateLocalIP();
     // A bound numeric setting cleared in the window becomes 1111.
     void setNilValueForKey(const QString& key);
 
@@ -189,6 +191,7 @@ private:
     static bool sendToAll(const DispatchIndex::Plugs& plugs, float value);
     void appendToConsoleInMainThread(const QString& text);
     void malformedKorvalisDatagram();
+    void stopInputThreads();
 
     TSPlugList plugs_;
     ts::AtomicSharedPtr<const DispatchIndex> index_;

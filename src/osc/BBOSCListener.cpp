@@ -3,6 +3,7 @@
 #include "osc/BBOSCDispatcher.h"
 #include "platform/Log.h"
 #include "platform/MainThread.h"
+#include "platform/ThreadName.h"
 
 #include <arpa/inet.h>
 #include <atomic>
@@ -12,7 +13,6 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -143,10 +143,8 @@ void BBOSCListener::stopListening() {
     portNumber_ = 0;
 }
 
-// Copies one datagram and queues its delivery. Everything the main thread
-// reads of it is written here, before the queue hands it over; the
-// sanitizer suppressions of the tests name this function for that reason
-// (the queue's own lock is inside Qt, which the thread sanitizer cannot see).
+// Copies one datagram and queues its delivery. The copy is the only one
+// made: it travels in the queued call and reaches the delegate as it is.
 void BBOSCListener::queueDatagramForMainThread(const std::shared_ptr<Shared>& shared,
                                                const uint8_t* data, size_t size) {
     std::vector<uint8_t> bytes(data, data + size);
@@ -167,7 +165,7 @@ void BBOSCListener::queueDatagramForMainThread(const std::shared_ptr<Shared>& sh
 // Runs on the receive thread. Touches only the descriptors and the port
 // (fixed until the join in stopListening) and the shared state.
 void BBOSCListener::listenThread() {
-    pthread_setname_np(pthread_self(), "OSCListener");
+    ts::setCurrentThreadName("OSCListener");
     const int sock = socketDescriptor_;
     const int wake = wakeDescriptor_;
     const int port = portNumber_;

@@ -17,6 +17,7 @@
 //   while a send in progress finishes on the old one.
 // - Console lines are always handed to the main thread without waiting.
 
+#include "platform/AtomicSharedPtr.h"
 #include "app/DispatchIndex.h"
 #include "app/OutputPorts.h"
 #include "app/TSPlugList.h"
@@ -190,13 +191,13 @@ private:
     void malformedKorvalisDatagram();
 
     TSPlugList plugs_;
-    std::atomic<std::shared_ptr<const DispatchIndex>> index_;
-    std::atomic<std::shared_ptr<TSPlug>> learnTarget_; // first selected plug, for MIDI learn
+    ts::AtomicSharedPtr<const DispatchIndex> index_;
+    ts::AtomicSharedPtr<TSPlug> learnTarget_; // first selected plug, for MIDI learn
     std::atomic<int> waitMode_{WaitNone};
 
     Wiring wiring_;
-    std::atomic<std::shared_ptr<DMXBridgePort>> dmxBridge_;
-    std::atomic<std::shared_ptr<BBOSCSender>> korvalisSender_;
+    ts::AtomicSharedPtr<DMXBridgePort> dmxBridge_;
+    ts::AtomicSharedPtr<BBOSCSender> korvalisSender_;
     std::unique_ptr<BBOSCListener> korvalisListener_;
     int korvalisSendPort_ = 0;
     int korvalisListenPort_ = 0;

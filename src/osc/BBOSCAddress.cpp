@@ -10,15 +10,15 @@ BBOSCAddress BBOSCAddress::addressWithArray(const std::vector<std::string>& comp
 }
 
 BBOSCBytes BBOSCAddress::packetizedData() const {
-    return BBOSCDataUtilities::dataBlockFromString(address_);
+    return BBOSCDataUtilities::dataBlockFromString(addressView());
 }
 
 size_t BBOSCAddress::packetizedSize() const {
     // A non-ASCII address goes out as the empty string.
-    return BBOSCDataUtilities::isASCII(address_) ? BBOSCDataUtilities::paddedLength(address_.size())
-                                                  : 4;
+    const std::string_view text = addressView();
+    return BBOSCDataUtilities::isASCII(text) ? BBOSCDataUtilities::paddedLength(text.size()) : 4;
 }
 
 void BBOSCAddress::appendPacketizedData(BBOSCBytes& out) const {
-    BBOSCDataUtilities::appendString(out, address_);
+    BBOSCDataUtilities::appendString(out, addressView());
 }

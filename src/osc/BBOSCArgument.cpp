@@ -3,19 +3,58 @@
 #include <bit>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 
 namespace {
 
-void assignBigEndian(std::string& data, uint32_t value) {
-    const char bytes[4] = {char(value >> 24), char(value >> 16), char(value >> 8), char(value)};
-    data.assign(bytes, 4);
-}
-
-std::span<const uint8_t> bytesOf(const std::string& s) {
-    return {reinterpret_cast<const uint8_t*>(s.data()), s.size()};
+void writeBigEndian(uint8_t* p, uint32_t value) {
+    p[0] = uint8_t(value >> 24);
+    p[1] = uint8_t(value >> 16);
+    p[2] = uint8_t(value >> 8);
+    p[3] = uint8_t(value);
 }
 
 } // namespace
+
+BBOSCArgument::BBOSCArgument(const BBOSCArgument& other) : type_(other.type_), size_(other.size_) {
+    if (other.isInline()) {
+        std::memcpy(inline_, other.inline_, kInlineSize);
+    } else {
+        heap_ = new uint8_t[size_];
+        std::memcpy(heap_, other.heap_, size_);
+    }
+}
+
+BBOSCArgument::BBOSCArgument(BBOSCArgument&& other) noexcept : type_(other.type_), size_(other.size_) {
+    // Copies the inline bytes or takes the heap block, whichever is there.
+    std::memcpy(inline_, other.inline_, kInlineSize);
+    other.size_ = 0;
+}
+
+BBOSCArgument& BBOSCArgument::operator=(const BBOSCArgument& other) {
+    if (this != &other) {
+        uint8_t* to = resize(other.size_);
+        std::memcpy(to, other.bytes(), other.size_);
+        type_ = other.type_;
+    }
+    return *this;
+}
+
+BBOSCArgument& BBOSCArgument::operator=(BBOSCArgument&& other) noexcept {
+    if (this != &other) {
+        release();
+        type_ = other.type_;
+        size_ = other.size_;
+        std::memcpy(inline_, other.inline_, kInlineSize);
+        other.size_ = 0;
+    }
+    return *this;
+}
+
+bool BBOSCArgument::operator==(const BBOSCArgument& other) const {
+    return type_ == other.type_ && size_ == other.size_ &&
+           std::memcmp(bytes(), other.bytes(), size_) == 0;
+}
 
 BBOSCArgument BBOSCArgument::argumentWithInt(int32_t value) {
     BBOSCArgument a;
@@ -43,43 +82,47 @@ BBOSCArgument BBOSCArgument::argumentWithDataBlob(std::span<const uint8_t> blob)
 
 BBOSCArgument BBOSCArgument::argumentWithTypeAndData(char type, std::span<const uint8_t> data) {
     BBOSCArgument a;
-    a.type_ = type;
-    a.data_.assign(reinterpret_cast<const char*>(data.data()), data.size());
+    a.assignFromWire(type, data.data(), static_cast<uint32_t>(data.size()), data.size());
     return a;
 }
 
 void BBOSCArgument::setIntValue(int32_t value) {
     type_ = 'i';
-    assignBigEndian(data_, static_cast<uint32_t>(value));
+    writeBigEndian(resize(4), static_cast<uint32_t>(value));
 }
 
 void BBOSCArgument::setFloatValue(float value) {
     type_ = 'f';
-    assignBigEndian(data_, std::bit_cast<uint32_t>(value));
+    writeBigEndian(resize(4), std::bit_cast<uint32_t>(value));
 }
 
 void BBOSCArgument::setStringValue(std::string_view value) {
     type_ = 's';
     if (!BBOSCDataUtilities::isASCII(value))
         value = {};
-    data_.assign(value.data(), value.size());
-    data_.resize(BBOSCDataUtilities::paddedLength(value.size()), '\0');
+    const auto size = static_cast<uint32_t>(BBOSCDataUtilities::paddedLength(value.size()));
+    uint8_t* to = resize(size);
+    if (!value.empty())
+        std::memcpy(to, value.data(), value.size());
+    std::memset(to + value.size(), 0, size - value.size());
 }
 
 void BBOSCArgument::setDataBlobValue(std::span<const uint8_t> blob) {
     type_ = 'b';
-    const uint32_t n = static_cast<uint32_t>(blob.size());
-    assignBigEndian(data_, n);
-    data_.append(reinterpret_cast<const char*>(blob.data()), blob.size());
-    data_.resize(4 + BBOSCDataUtilities::paddedLength(blob.size()), '\0');
+    const auto size = static_cast<uint32_t>(4 + BBOSCDataUtilities::paddedLength(blob.size()));
+    uint8_t* to = resize(size);
+    writeBigEndian(to, static_cast<uint32_t>(blob.size()));
+    if (!blob.empty())
+        std::memcpy(to + 4, blob.data(), blob.size());
+    std::memset(to + 4 + blob.size(), 0, size - 4 - blob.size());
 }
 
 float BBOSCArgument::floatValue() const {
     switch (type_) {
     case 'i':
-        return static_cast<float>(BBOSCDataUtilities::intFromDataBlock(bytesOf(data_)));
+        return static_cast<float>(BBOSCDataUtilities::intFromDataBlock(data()));
     case 'f':
-        return BBOSCDataUtilities::floatFromDataBlock(bytesOf(data_));
+        return BBOSCDataUtilities::floatFromDataBlock(data());
     default:
         return 0.0f;
     }
@@ -99,11 +142,11 @@ int32_t BBOSCArgument::intValue() const {
 }
 
 std::string BBOSCArgument::stringValue() const {
-    return BBOSCDataUtilities::stringFromDataBlock(bytesOf(data_)).value_or(std::string());
+    return BBOSCDataUtilities::stringFromDataBlock(data()).value_or(std::string());
 }
 
 BBOSCBytes BBOSCArgument::dataBlobValue() const {
-    return BBOSCDataUtilities::blobFromDataBlock(bytesOf(data_)).value_or(BBOSCBytes());
+    return BBOSCDataUtilities::blobFromDataBlock(data()).value_or(BBOSCBytes());
 }
 
 std::string BBOSCArgument::description() const {

@@ -5,8 +5,9 @@
 // The value accessors decode the bytes on every call and never fail.
 //
 // A value type: messages hold their arguments by value. Short data (up to
-// 15 bytes: every int and float, short strings) is stored inline, so building
-// or decoding an argument does not touch the heap.
+// 16 bytes: every int and float, strings of up to 15 characters) is stored
+// inside the argument, so building or decoding one does not touch the heap;
+// longer data lives in one heap block of exactly its size.
 
 #include "osc/BBOSCDataUtilities.h"
 
@@ -19,6 +20,14 @@ public:
     // An argument of no type ("no arg value"); every accessor answers zero
     // or empty.
     BBOSCArgument() = default;
+    BBOSCArgument(const BBOSCArgument& other);
+    BBOSCArgument(BBOSCArgument&& other) noexcept;
+    BBOSCArgument& operator=(const BBOSCArgument& other);
+    BBOSCArgument& operator=(BBOSCArgument&& other) noexcept;
+    ~BBOSCArgument() {
+        if (!isInline())
+            delete[] heap_;
+    }
 
     static BBOSCArgument argumentWithInt(int32_t value);
     static BBOSCArgument argumentWithFloat(float value);
@@ -35,9 +44,7 @@ public:
     void setDataBlobValue(std::span<const uint8_t> blob);
 
     char type() const { return type_; }
-    std::span<const uint8_t> data() const {
-        return {reinterpret_cast<const uint8_t*>(data_.data()), data_.size()};
-    }
+    std::span<const uint8_t> data() const { return {bytes(), size_}; }
 
     // 'i': the integer as a float; 'f': the float; any other type: 0.0.
     float floatValue() const;
@@ -56,11 +63,61 @@ public:
     // "no arg value".
     std::string description() const;
 
-    bool operator==(const BBOSCArgument&) const = default;
+    bool operator==(const BBOSCArgument& other) const;
 
 private:
+    friend class BBOSCDecoder;
+    static constexpr uint32_t kInlineSize = 16;
+
+    bool isInline() const { return size_ <= kInlineSize; }
+    const uint8_t* bytes() const { return isInline() ? inline_ : heap_; }
+    // Frees a heap block and leaves the argument with `size` writable bytes
+    // (contents unspecified).
+    uint8_t* resize(uint32_t size) {
+        release();
+        size_ = size;
+        if (size <= kInlineSize)
+            return inline_;
+        heap_ = new uint8_t[size];
+        return heap_;
+    }
+    void release() {
+        if (!isInline())
+            delete[] heap_;
+        size_ = 0;
+    }
+    // The decoder's copy from a datagram; `readable` is how many bytes may
+    // be read from `data` (at least `size`), which lets short data be copied
+    // as one fixed-size block. Bytes past `size` are never looked at.
+    struct Wire {};
+    // Same copy, made while constructing (no clearing first).
+    BBOSCArgument(Wire, char type, const uint8_t* data, uint32_t size, size_t readable)
+        : type_(type), size_(size), heap_(nullptr) {
+        if (size <= kInlineSize && readable >= kInlineSize) {
+            __builtin_memcpy(inline_, data, kInlineSize);
+        } else if (size <= kInlineSize) {
+            __builtin_memset(inline_, 0, kInlineSize);
+            __builtin_memcpy(inline_, data, size);
+        } else {
+            heap_ = new uint8_t[size];
+            __builtin_memcpy(heap_, data, size);
+        }
+    }
+    void assignFromWire(char type, const uint8_t* data, uint32_t size, size_t readable) {
+        type_ = type;
+        if (size <= kInlineSize && readable >= kInlineSize) {
+            release();
+            size_ = size;
+            __builtin_memcpy(inline_, data, kInlineSize);
+            return;
+        }
+        __builtin_memcpy(resize(size), data, size);
+    }
+
     char type_ = 0;
-    // Wire bytes. std::string rather than a byte vector for its inline
-    // storage of short contents.
-    std::string data_;
+    uint32_t size_ = 0;
+    union {
+        uint8_t inline_[kInlineSize] = {};
+        uint8_t* heap_;
+    };
 };

@@ -96,7 +96,8 @@ bool BBOSCBundle::isEqualToPacket(const BBOSCPacket& other) const {
     if (!b || b->elements_.size() != elements_.size())
         return false;
     // Both NaN counts as equal: a time stamp is compared as a value read back.
-    if (!(b->timeStamp_ == timeStamp_) && !(timeStamp_ != timeStamp_ && b->timeStamp_ != b->timeStamp_))
+    if (!(b->timeStamp_ == timeStamp_) &&
+        !(timeStamp_ != timeStamp_ && b->timeStamp_ != b->timeStamp_))
         return false;
     for (size_t i = 0; i < elements_.size(); ++i)
         if (!elements_[i]->isEqualToPacket(*b->elements_[i]))

@@ -50,6 +50,7 @@ public:
     bool isEqualToPacket(const BBOSCPacket& other) const override;
 
 private:
+    friend class BBOSCDecoder;
     BBOSCDate timeStamp_;
     std::vector<std::unique_ptr<BBOSCPacket>> elements_;
 };

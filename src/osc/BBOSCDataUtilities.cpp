@@ -46,10 +46,11 @@ void BBOSCDataUtilities::appendUInt(BBOSCBytes& out, uint32_t value) {
 }
 
 bool BBOSCDataUtilities::isASCII(std::string_view string) {
+    // No early exit: the loop stays simple enough to be vectorised.
+    unsigned char high = 0;
     for (char c : string)
-        if (static_cast<unsigned char>(c) > 0x7F)
-            return false;
-    return true;
+        high |= static_cast<unsigned char>(c);
+    return high <= 0x7F;
 }
 
 void BBOSCDataUtilities::appendString(BBOSCBytes& out, std::string_view string) {
@@ -198,7 +199,7 @@ std::string BBOSCDataUtilities::dateDescription(BBOSCDate date) {
     unsigned month, day;
     civilFromDays(days, year, month, day);
     char text[64];
-    std::snprintf(text, sizeof text, "%04" PRId64 "-%02u-%02u %02d:%02d:%02d +0000", year, month, day,
-                  int(rest / 3600), int(rest / 60 % 60), int(rest % 60));
+    std::snprintf(text, sizeof text, "%04" PRId64 "-%02u-%02u %02d:%02d:%02d +0000", year, month,
+                  day, int(rest / 3600), int(rest / 60 % 60), int(rest % 60));
     return text;
 }

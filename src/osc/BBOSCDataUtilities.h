@@ -70,7 +70,9 @@ public:
     // Appending forms used by the encoders, so that a packet is written into
     // one buffer without temporaries.
     static void appendUInt(BBOSCBytes& out, uint32_t value);
-    static void appendInt(BBOSCBytes& out, int32_t value) { appendUInt(out, static_cast<uint32_t>(value)); }
+    static void appendInt(BBOSCBytes& out, int32_t value) {
+        appendUInt(out, static_cast<uint32_t>(value));
+    }
     // Appends the padded string (see dataBlockFromString).
     static void appendString(BBOSCBytes& out, std::string_view string);
     static void appendTimeTag(BBOSCBytes& out, BBOSCDate date);

@@ -25,16 +25,22 @@ public:
     static std::unique_ptr<BBOSCMessage> decodeRawMessage(std::span<const uint8_t> data);
     static std::unique_ptr<BBOSCBundle> decodeRawBundle(std::span<const uint8_t> data);
 
-    static std::optional<BBOSCArgument> argumentFromDataStartingAtEndingAtOfType(
-        std::span<const uint8_t> data, size_t start, size_t& end, char type);
+    static std::optional<BBOSCArgument>
+    argumentFromDataStartingAtEndingAtOfType(std::span<const uint8_t> data, size_t start,
+                                             size_t& end, char type);
     // A padded string: only the last byte of each 4-byte group is tested for
     // the terminating zero.
-    static std::optional<std::string> stringFromDataStartingAtEndingAt(std::span<const uint8_t> data,
-                                                                       size_t start, size_t& end);
+    static std::optional<std::string>
+    stringFromDataStartingAtEndingAt(std::span<const uint8_t> data, size_t start, size_t& end);
     static std::optional<int32_t> intFromDataStartingAtEndingAt(std::span<const uint8_t> data,
                                                                 size_t start, size_t& end);
     static std::optional<float> floatFromDataStartingAtEndingAt(std::span<const uint8_t> data,
                                                                 size_t start, size_t& end);
-    static std::optional<BBOSCBytes> dataBlobFromDataStartingAtEndingAt(
-        std::span<const uint8_t> data, size_t start, size_t& end);
+    static std::optional<BBOSCBytes>
+    dataBlobFromDataStartingAtEndingAt(std::span<const uint8_t> data, size_t start, size_t& end);
+
+private:
+    // Reads one argument into `argument` in place (no temporary).
+    static bool readArgument(std::span<const uint8_t> data, size_t start, size_t& end, char type,
+                             BBOSCArgument& argument);
 };

@@ -74,9 +74,15 @@ void BBOSCListener::setDelegate(std::shared_ptr<BBOSCListenerDelegate> delegate)
     shared_->delegate = std::move(delegate);
 }
 
-uint64_t BBOSCListener::droppedDatagramCount() const { return shared_->dropped.load(); }
-size_t BBOSCListener::pendingDatagramCount() const { return shared_->pending.load(); }
-size_t BBOSCListener::maximumPendingDatagramCount() const { return shared_->maximumPending.load(); }
+uint64_t BBOSCListener::droppedDatagramCount() const {
+    return shared_->dropped.load();
+}
+size_t BBOSCListener::pendingDatagramCount() const {
+    return shared_->pending.load();
+}
+size_t BBOSCListener::maximumPendingDatagramCount() const {
+    return shared_->maximumPending.load();
+}
 
 bool BBOSCListener::startListeningOnPort(int32_t port) {
     if (thread_.joinable())
@@ -160,69 +166,77 @@ void BBOSCListener::listenThread() {
     };
 
     pollfd fds[2] = {{sock, POLLIN, 0}, {wake, POLLIN, 0}};
-    for (;;) {
-        int timeout = -1;
-        if (unreported > 0) {
-            const auto due = lastReport + kDropReportInterval - Clock::now();
-            if (due <= Clock::duration::zero()) {
-                report();
-            } else {
-                timeout = static_cast<int>(
-                    std::chrono::ceil<std::chrono::milliseconds>(due).count());
+    bool running = true;
+    try {
+        while (running) {
+            int timeout = -1;
+            if (unreported > 0) {
+                const auto due = lastReport + kDropReportInterval - Clock::now();
+                if (due <= Clock::duration::zero()) {
+                    report();
+                } else {
+                    timeout =
+                        static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(due).count());
+                }
             }
-        }
-        const int ready = poll(fds, 2, timeout);
-        if (ready < 0) {
-            if (errno == EINTR)
-                continue;
-            ts::logf("error with listen thread %s", std::strerror(errno));
-            break;
-        }
-        if (fds[1].revents != 0)
-            break;
-        if (ready == 0 || fds[0].revents == 0)
-            continue;
-
-        for (int i = 0; i < kDrainBatch; ++i) {
-            const ssize_t n = recvfrom(sock, buffer.data(), buffer.size(), MSG_DONTWAIT, nullptr, nullptr);
-            if (n < 0) {
-                if (errno == EAGAIN || errno == EWOULDBLOCK)
-                    break;
+            const int ready = poll(fds, 2, timeout);
+            if (ready < 0) {
                 if (errno == EINTR)
                     continue;
                 ts::logf("error with listen thread %s", std::strerror(errno));
-                goto done;
+                break;
             }
-            // Bounded hand-over: past the limit the datagram is dropped here
-            // rather than queued, and counted for the log.
-            const size_t pending = shared->pending.load(std::memory_order_relaxed);
-            if (pending >= kMaximumPendingDatagrams) {
-                shared->dropped.fetch_add(1, std::memory_order_relaxed);
-                ++unreported;
-                if (Clock::now() - lastReport >= kDropReportInterval)
-                    report();
+            if (fds[1].revents != 0)
+                break;
+            if (ready == 0 || fds[0].revents == 0)
                 continue;
-            }
-            const size_t now = shared->pending.fetch_add(1) + 1;
-            size_t seen = shared->maximumPending.load(std::memory_order_relaxed);
-            while (now > seen && !shared->maximumPending.compare_exchange_weak(seen, now)) {
-            }
-            std::vector<uint8_t> bytes(buffer.begin(), buffer.begin() + n);
-            ts::enqueueOnMainThread([shared, bytes = std::move(bytes)] {
-                shared->pending.fetch_sub(1);
-                if (shared->discarded.load())
-                    return;
-                std::shared_ptr<BBOSCListenerDelegate> delegate;
-                {
-                    std::lock_guard lock(shared->delegateLock);
-                    delegate = shared->delegate;
+
+            for (int i = 0; i < kDrainBatch; ++i) {
+                const ssize_t n =
+                    recvfrom(sock, buffer.data(), buffer.size(), MSG_DONTWAIT, nullptr, nullptr);
+                if (n < 0) {
+                    if (errno == EAGAIN || errno == EWOULDBLOCK)
+                        break;
+                    if (errno == EINTR)
+                        continue;
+                    ts::logf("error with listen thread %s", std::strerror(errno));
+                    running = false;
+                    break;
                 }
-                if (delegate)
-                    delegate->dispatchRawPacket(bytes);
-            });
+                // Bounded hand-over: past the limit the datagram is dropped here
+                // rather than queued, and counted for the log.
+                const size_t pending = shared->pending.load(std::memory_order_relaxed);
+                if (pending >= kMaximumPendingDatagrams) {
+                    shared->dropped.fetch_add(1, std::memory_order_relaxed);
+                    ++unreported;
+                    if (Clock::now() - lastReport >= kDropReportInterval)
+                        report();
+                    continue;
+                }
+                const size_t now = shared->pending.fetch_add(1) + 1;
+                size_t seen = shared->maximumPending.load(std::memory_order_relaxed);
+                while (now > seen && !shared->maximumPending.compare_exchange_weak(seen, now)) {
+                }
+                std::vector<uint8_t> bytes(buffer.begin(), buffer.begin() + n);
+                ts::enqueueOnMainThread([shared, bytes = std::move(bytes)] {
+                    shared->pending.fetch_sub(1);
+                    if (shared->discarded.load())
+                        return;
+                    std::shared_ptr<BBOSCListenerDelegate> delegate;
+                    {
+                        std::lock_guard lock(shared->delegateLock);
+                        delegate = shared->delegate;
+                    }
+                    if (delegate)
+                        delegate->dispatchRawPacket(bytes);
+                });
+            }
         }
+    } catch (const std::exception& e) {
+        // Out of memory while copying a datagram, say: end this thread
+        // rather than the program.
+        ts::logf("error with listen thread %s", e.what());
     }
-done:
     if (unreported > 0)
         report();
 }

@@ -1,68 +1,180 @@
 #include "osc/BBOSCMessage.h"
 
+#include <algorithm>
 #include <cstring>
+#include <new>
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define TS_OSC_RECYCLE_MESSAGES 0 // let the sanitizers see every allocation
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TS_OSC_RECYCLE_MESSAGES 0
+#else
+#define TS_OSC_RECYCLE_MESSAGES 1
+#endif
+#else
+#define TS_OSC_RECYCLE_MESSAGES 1
+#endif
+
+#if TS_OSC_RECYCLE_MESSAGES
+// Freed message blocks of this thread, handed out again before the global
+// allocator is asked. Blocks come from and go back to ::operator new, so a
+// message made on one thread may be freed on another.
+struct MessageBlockCache {
+    static constexpr size_t kCapacity = 256;
+    void* blocks[kCapacity];
+    size_t count = 0;
+    ~MessageBlockCache() {
+        while (count > 0)
+            ::operator delete(blocks[--count]);
+    }
+};
+thread_local MessageBlockCache messageBlocks;
+#endif
+
+} // namespace
+
+void* BBOSCMessage::operator new(size_t size) {
+#if TS_OSC_RECYCLE_MESSAGES
+    MessageBlockCache& cache = messageBlocks;
+    if (size == sizeof(BBOSCMessage) && cache.count > 0)
+        return cache.blocks[--cache.count];
+#endif
+    return ::operator new(size);
+}
+
+void BBOSCMessage::operator delete(void* block, size_t size) noexcept {
+#if TS_OSC_RECYCLE_MESSAGES
+    MessageBlockCache& cache = messageBlocks;
+    if (size == sizeof(BBOSCMessage) && cache.count < MessageBlockCache::kCapacity) {
+        cache.blocks[cache.count++] = block;
+        return;
+    }
+#endif
+    ::operator delete(block, size);
+}
+
+BBOSCMessage::BBOSCMessage(const BBOSCMessage& other) : BBOSCPacket(other), address_(other.address_) {
+    reserveArguments(other.count_);
+    for (const BBOSCArgument& a : other.attachedObjects())
+        appendArgument() = a;
+}
+
+BBOSCMessage& BBOSCMessage::operator=(const BBOSCMessage& other) {
+    if (this != &other) {
+        address_ = other.address_;
+        clearArguments();
+        reserveArguments(other.count_);
+        for (const BBOSCArgument& a : other.attachedObjects())
+            appendArgument() = a;
+    }
+    return *this;
+}
+
+BBOSCMessage::~BBOSCMessage() {
+    clearArguments();
+    if (arguments_ != reinterpret_cast<BBOSCArgument*>(inlineArguments_))
+        ::operator delete(arguments_);
+}
+
+void BBOSCMessage::clearArguments() {
+    for (uint32_t i = 0; i < count_; ++i)
+        arguments_[i].~BBOSCArgument();
+    count_ = 0;
+}
+
+void BBOSCMessage::growArguments(size_t count) {
+    auto* grown = static_cast<BBOSCArgument*>(::operator new(count * sizeof(BBOSCArgument)));
+    for (uint32_t i = 0; i < count_; ++i) {
+        new (&grown[i]) BBOSCArgument(std::move(arguments_[i]));
+        arguments_[i].~BBOSCArgument();
+    }
+    if (arguments_ != reinterpret_cast<BBOSCArgument*>(inlineArguments_))
+        ::operator delete(arguments_);
+    arguments_ = grown;
+    capacity_ = static_cast<uint32_t>(count);
+}
+
+void BBOSCMessage::attachArgument(BBOSCArgument argument) { appendArgument() = std::move(argument); }
 
 void BBOSCMessage::attachArguments(std::vector<BBOSCArgument> arguments) {
-    arguments_.reserve(arguments_.size() + arguments.size());
+    reserveArguments(count_ + arguments.size());
     for (BBOSCArgument& a : arguments)
-        arguments_.push_back(std::move(a));
+        appendArgument() = std::move(a);
 }
 
 std::string BBOSCMessage::typeTagString() const {
     std::string tags;
-    tags.reserve(arguments_.size() + 1);
+    tags.reserve(count_ + 1);
     tags += ',';
-    for (const BBOSCArgument& a : arguments_)
+    for (const BBOSCArgument& a : attachedObjects())
         tags += a.type();
     return tags;
 }
 
 BBOSCBytes BBOSCMessage::packetizedData() const {
     BBOSCBytes out;
-    out.reserve(packetizedSize());
     appendPacketizedData(out);
     return out;
 }
 
+bool BBOSCMessage::hasASCIITags() const {
+    // A tag above 0x7F makes the type-tag string non-ASCII, and such a
+    // string goes out as the empty string.
+    unsigned char high = 0;
+    for (uint32_t i = 0; i < count_; ++i)
+        high |= static_cast<unsigned char>(arguments_[i].type());
+    return high <= 0x7F;
+}
+
 size_t BBOSCMessage::packetizedSize() const {
-    // The tags are one byte each; a tag above 0x7F would make the type-tag
-    // string non-ASCII, which then goes out as the empty string.
     size_t size = address_.packetizedSize();
-    bool asciiTags = true;
-    for (const BBOSCArgument& a : arguments_) {
-        size += a.data().size();
-        asciiTags = asciiTags && static_cast<unsigned char>(a.type()) <= 0x7F;
-    }
-    size += asciiTags ? BBOSCDataUtilities::paddedLength(arguments_.size() + 1) : 4;
-    return size;
+    for (uint32_t i = 0; i < count_; ++i)
+        size += arguments_[i].data().size();
+    return size + (hasASCIITags() ? BBOSCDataUtilities::paddedLength(count_ + 1) : 4);
 }
 
 void BBOSCMessage::appendPacketizedData(BBOSCBytes& out) const {
-    address_.appendPacketizedData(out);
-    // Type-tag string written in place: "," + tags + 1 to 4 zeros.
-    const size_t tagStart = out.size();
-    out.resize(tagStart + BBOSCDataUtilities::paddedLength(arguments_.size() + 1), 0);
-    uint8_t* tags = out.data() + tagStart;
-    tags[0] = ',';
-    bool asciiTags = true;
-    for (size_t i = 0; i < arguments_.size(); ++i) {
-        const auto tag = static_cast<uint8_t>(arguments_[i].type());
-        asciiTags = asciiTags && tag <= 0x7F;
-        tags[i + 1] = tag;
+    // Everything is written into one zero-filled stretch, so padding needs
+    // no separate step.
+    const size_t start = out.size();
+    const bool asciiTags = hasASCIITags();
+    const std::string_view address = address_.addressView();
+    const bool asciiAddress = BBOSCDataUtilities::isASCII(address);
+    const size_t addressSize = asciiAddress ? BBOSCDataUtilities::paddedLength(address.size()) : 4;
+    const size_t tagsSize = asciiTags ? BBOSCDataUtilities::paddedLength(count_ + 1) : 4;
+    size_t size = addressSize + tagsSize;
+    for (uint32_t i = 0; i < count_; ++i)
+        size += arguments_[i].data().size();
+    out.resize(start + size);
+    uint8_t* p = out.data() + start;
+    if (asciiAddress && !address.empty())
+        std::memcpy(p, address.data(), address.size());
+    p += addressSize;
+    if (asciiTags) {
+        p[0] = ',';
+        for (uint32_t i = 0; i < count_; ++i)
+            p[i + 1] = static_cast<uint8_t>(arguments_[i].type());
     }
-    if (!asciiTags) {
-        out.resize(tagStart);
-        out.resize(tagStart + 4, 0);
-    }
-    for (const BBOSCArgument& a : arguments_) {
-        const auto bytes = a.data();
-        out.insert(out.end(), bytes.begin(), bytes.end());
+    p += tagsSize;
+    for (uint32_t i = 0; i < count_; ++i) {
+        const auto bytes = arguments_[i].data();
+        if (bytes.size() == 4)
+            std::memcpy(p, bytes.data(), 4);
+        else if (!bytes.empty())
+            std::memcpy(p, bytes.data(), bytes.size());
+        p += bytes.size();
     }
 }
 
 std::string BBOSCMessage::stringRepresentation() const {
-    std::string text = "MESSAGE:\naddress:" + address_.address() + "\n types:" + typeTagString();
-    for (const BBOSCArgument& a : arguments_) {
+    std::string text = "MESSAGE:\naddress:";
+    text += address_.addressView();
+    text += "\n types:";
+    text += typeTagString();
+    for (const BBOSCArgument& a : attachedObjects()) {
         text += '\n';
         text += a.description();
     }
@@ -71,5 +183,6 @@ std::string BBOSCMessage::stringRepresentation() const {
 
 bool BBOSCMessage::isEqualToPacket(const BBOSCPacket& other) const {
     const BBOSCMessage* m = other.asMessage();
-    return m && m->address_ == address_ && m->arguments_ == arguments_;
+    return m && m->address_ == address_ &&
+           std::ranges::equal(m->attachedObjects(), attachedObjects());
 }

@@ -22,7 +22,8 @@ BBOSCSender::~BBOSCSender() {
 }
 
 std::unique_ptr<BBOSCSender>
-BBOSCSender::senderWithDestinationHostNamePortNumber(std::string_view hostName, int32_t portNumber) {
+BBOSCSender::senderWithDestinationHostNamePortNumber(std::string_view hostName,
+                                                     int32_t portNumber) {
     std::unique_ptr<BBOSCSender> sender(new BBOSCSender(std::string(hostName), portNumber));
     if (!sender->prepareSocket())
         return nullptr;

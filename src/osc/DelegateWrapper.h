@@ -25,7 +25,9 @@ public:
     static std::shared_ptr<DelegateWrapper>
     wrapperWithTargetAndSelector(T* target, void (T::*selector)(std::span<const uint8_t>)) {
         return std::make_shared<DelegateWrapper>(
-            [target, selector](std::span<const uint8_t> datagram) { (target->*selector)(datagram); });
+            [target, selector](std::span<const uint8_t> datagram) {
+                (target->*selector)(datagram);
+            });
     }
     template <class T>
     static std::shared_ptr<DelegateWrapper>

@@ -79,7 +79,7 @@ QString KeyedUnarchiver::className() const { return members_.value(kClassKey).to
 
 bool KeyedUnarchiver::containsValueForKey(const char* key) const { return members_.contains(key); }
 
-const QJsonValue* KeyedUnarchiver::entry(const char* key, const char*) const {
+const QJsonValue* KeyedUnarchiver::entry(const char* key) const {
     auto it = members_.constFind(key);
     if (it == members_.constEnd())
         return nullptr;
@@ -89,8 +89,11 @@ const QJsonValue* KeyedUnarchiver::entry(const char* key, const char*) const {
 
 void KeyedUnarchiver::reportWrongKind(const char* key, const QJsonValue& value,
                                       const char* expected) const {
+    const QByteArray found = value.isDouble()
+                                 ? QByteArray("the number ") + QByteArray::number(value.toDouble(), 'g', 17)
+                                 : QByteArray(kindName(value));
     logf("archive: %s \"%s\" holds %s where %s was expected; the field starts empty",
-         qPrintable(className()), key, kindName(value), expected);
+         qPrintable(className()), key, found.constData(), expected);
 }
 
 void KeyedUnarchiver::reportWrongClass(const char* key, const char* found) const {
@@ -99,7 +102,7 @@ void KeyedUnarchiver::reportWrongClass(const char* key, const char* found) const
 }
 
 bool KeyedUnarchiver::decodeBoolForKey(const char* key) const {
-    const QJsonValue* v = entry(key, "a boolean");
+    const QJsonValue* v = entry(key);
     if (!v)
         return false;
     if (v->isBool())
@@ -109,7 +112,7 @@ bool KeyedUnarchiver::decodeBoolForKey(const char* key) const {
 }
 
 std::int32_t KeyedUnarchiver::decodeInt32ForKey(const char* key) const {
-    const QJsonValue* v = entry(key, "an integer");
+    const QJsonValue* v = entry(key);
     if (!v)
         return 0;
     // Unsigned 32-bit fields (key codes, modifier words) are stored as their
@@ -122,7 +125,7 @@ std::int32_t KeyedUnarchiver::decodeInt32ForKey(const char* key) const {
 }
 
 std::int64_t KeyedUnarchiver::decodeInt64ForKey(const char* key) const {
-    const QJsonValue* v = entry(key, "an integer");
+    const QJsonValue* v = entry(key);
     if (!v)
         return 0;
     if (v->isDouble() && isIntegral(v->toDouble(), -9.2e18, 9.2e18))
@@ -132,7 +135,7 @@ std::int64_t KeyedUnarchiver::decodeInt64ForKey(const char* key) const {
 }
 
 float KeyedUnarchiver::decodeFloatForKey(const char* key) const {
-    const QJsonValue* v = entry(key, "a float");
+    const QJsonValue* v = entry(key);
     if (!v)
         return 0.0f;
     if (v->isDouble())
@@ -142,7 +145,7 @@ float KeyedUnarchiver::decodeFloatForKey(const char* key) const {
 }
 
 QString KeyedUnarchiver::decodeTextForKey(const char* key) const {
-    const QJsonValue* v = entry(key, "a text");
+    const QJsonValue* v = entry(key);
     if (!v || v->isNull())
         return QString();
     if (v->isString())
@@ -152,7 +155,7 @@ QString KeyedUnarchiver::decodeTextForKey(const char* key) const {
 }
 
 std::shared_ptr<Archivable> KeyedUnarchiver::decodeObjectForKey(const char* key) const {
-    const QJsonValue* v = entry(key, "an object");
+    const QJsonValue* v = entry(key);
     if (!v || v->isNull())
         return nullptr;
     if (!v->isObject()) {

@@ -81,7 +81,7 @@ public:
     unarchiveRootObjects(const QJsonValue& archive, const Restorer& restorer);
 
 private:
-    const QJsonValue* entry(const char* key, const char* expected) const;
+    const QJsonValue* entry(const char* key) const;
     void reportWrongKind(const char* key, const QJsonValue& value, const char* expected) const;
     void reportWrongClass(const char* key, const char* className) const;
 

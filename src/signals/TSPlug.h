@@ -8,6 +8,7 @@
 // (a send in progress finishes on the old one); the incoming signal is fixed
 // for the plug's life.
 
+#include "platform/AtomicSharedPtr.h"
 #include "signals/TSSignal.h"
 
 #include <atomic>
@@ -62,7 +63,7 @@ signals:
 
 private:
     std::shared_ptr<TSSignal> in_;
-    std::atomic<std::shared_ptr<TSSignal>> out_;
+    ts::AtomicSharedPtr<TSSignal> out_;
     std::atomic<bool> enabled_;
 };
 

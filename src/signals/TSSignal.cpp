@@ -74,14 +74,7 @@ void tsDeleteOnMainThread(QObject* object) {
 }
 
 const TSSignalClass& TSSignal::staticClass() {
-    static const TSSignalClass cls{"TSSignal", -1, nullptr,
-                                   []() { return tsMakeSignal<TSSignal>(); },
-                                   [](ts::KeyedUnarchiver& coder) -> std::shared_ptr<TSSignal> {
-                                       auto s = tsMakeSignal<TSSignal>(TSRestoreTag{});
-                                       s->initWithCoder(coder);
-                                       return s;
-                                   }};
-    return cls;
+    return tsSignalClassOf<TSSignal>("TSSignal", -1, nullptr);
 }
 
 const TSSignalClass& TSSignal::signalClass() const { return staticClass(); }

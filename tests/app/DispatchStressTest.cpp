@@ -5,11 +5,13 @@
 // race.
 
 #include "app/TessarineController.h"
+#include "midi/VVMIDIMessage.h"
 #include "osc/BBOSCMessage.h"
 #include "signals/TSCommandSignal.h"
 #include "signals/TSDmxSignal.h"
 #include "signals/TSKeyboardSignal.h"
 #include "signals/TSKorvalisSignal.h"
+#include "signals/TSMidiSignal.h"
 #include "signals/TSOSCSignal.h"
 #include "support/TestSupport.h"
 
@@ -60,9 +62,15 @@ TEST(DispatchStress, InputsOnManyThreadsWhileTheMainThreadEdits) {
     static_cast<TSDmxSignal*>(stableDmx->signalIn().get())->changeChannel(77);
     auto stableOsc = oscOutPlug(4, "/stable-osc");
     static_cast<TSOSCSignal*>(stableOsc->signalIn().get())->changeAddress("/in/stable");
-    controller.plugs().addObjects({stableCommand, stableDmx, stableOsc});
+    auto stableMidi = oscOutPlug(3, "/stable-midi");
+    static_cast<TSMidiSignal*>(stableMidi->signalIn().get())->changeTypeAndChannelAndNote(144, 1, 60);
+    controller.plugs().addObjects({stableCommand, stableDmx, stableOsc, stableMidi});
 
-    constexpr int kPerThread = 20000;
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    constexpr int kPerThread = 5000; // the sanitizers slow every access many times over
+#else
+    constexpr int kPerThread = 50000;
+#endif
     std::atomic<bool> go{false};
     std::atomic<int> running{0};
     std::vector<std::thread> threads;
@@ -90,6 +98,10 @@ TEST(DispatchStress, InputsOnManyThreadsWhileTheMainThreadEdits) {
         controller.processKorvalisOSCMessageWithAddressAndArguments("/in/churn", value);
     });
     spawn([&](int i) {
+        const auto note = VVMIDIMessage::createFromVals(144, 1, 60, static_cast<uint8_t>(i % 128));
+        controller.receivedMIDIFromNode({note, VVMIDIMessage::createFromVals(176, 0, 24, 5)}, nullptr);
+    });
+    spawn([&](int i) {
         controller.processKeyCodeAndModifierFlagsAndPressed(3, 0, i % 2 == 0);
         (void)controller.getPlugWithSignalInClass(TSSignal::staticClass());
     });
@@ -101,8 +113,8 @@ TEST(DispatchStress, InputsOnManyThreadsWhileTheMainThreadEdits) {
     while (running.load() > 0) {
         switch (random() % 6) {
         case 0: { // add a plug matching what the threads send
-            const int kinds[] = {10, 5, 6, 4, 1, 0};
-            auto plug = oscOutPlug(kinds[random() % 6], "/churn");
+            const int kinds[] = {10, 5, 6, 4, 1, 0, 3};
+            auto plug = oscOutPlug(kinds[random() % 7], "/churn");
             TSSignal* in = plug->signalIn().get();
             if (auto* c = dynamic_cast<TSCommandSignal*>(in))
                 c->changeString("churn");
@@ -158,6 +170,7 @@ TEST(DispatchStress, InputsOnManyThreadsWhileTheMainThreadEdits) {
     EXPECT_EQ(osc->count("/stable-command"), kPerThread);
     EXPECT_EQ(osc->count("/stable-dmx"), kPerThread);
     EXPECT_EQ(osc->count("/stable-osc"), kPerThread);
+    EXPECT_EQ(osc->count("/stable-midi"), 2 * kPerThread); // a note-on, then its end
     EXPECT_GT(edits, 100);
     controller.plugs().removeAllObjects();
     ts::test::spinFor(std::chrono::milliseconds(20));

@@ -28,14 +28,16 @@ Bytes hex(std::string_view text) {
                 out.push_back(static_cast<uint8_t>(text[k]));
             i = end + 1;
         } else {
-            out.push_back(static_cast<uint8_t>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
+            out.push_back(
+                static_cast<uint8_t>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
             i += 2;
         }
     }
     return out;
 }
 
-std::unique_ptr<BBOSCMessage> message(std::string_view address, std::vector<BBOSCArgument> args = {}) {
+std::unique_ptr<BBOSCMessage> message(std::string_view address,
+                                      std::vector<BBOSCArgument> args = {}) {
     auto m = BBOSCMessage::messageWithBBOSCAddress(BBOSCAddress::addressWithString(address));
     m->attachArguments(std::move(args));
     return m;
@@ -65,9 +67,11 @@ TEST(OSCCodec, PacketsEncodeToExactBytes) {
          "'/a' 00 00 ',f' 00 00 3F 80 00 00"},
         {"int -1", [] { return message("/a", {BBOSCArgument::argumentWithInt(-1)}); },
          "'/a' 00 00 ',i' 00 00 FF FF FF FF"},
-        {"int big-endian", [] { return message("/a", {BBOSCArgument::argumentWithInt(0x01020304)}); },
+        {"int big-endian",
+         [] { return message("/a", {BBOSCArgument::argumentWithInt(0x01020304)}); },
          "'/a' 00 00 ',i' 00 00 01 02 03 04"},
-        {"string padded to 4", [] { return message("/a", {BBOSCArgument::argumentWithString("hi")}); },
+        {"string padded to 4",
+         [] { return message("/a", {BBOSCArgument::argumentWithString("hi")}); },
          "'/a' 00 00 ',s' 00 00 'hi' 00 00"},
         {"string of 4 gets 4 zeros",
          [] { return message("/a", {BBOSCArgument::argumentWithString("abcd")}); },
@@ -78,17 +82,22 @@ TEST(OSCCodec, PacketsEncodeToExactBytes) {
         {"non-ASCII address goes out empty", [] { return message("/\xC3\xA9"); },
          "00 00 00 00 2C 00 00 00"},
         {"4-byte blob gets 4 zeros",
-         [] { return message("/a", {BBOSCArgument::argumentWithDataBlob(Bytes{1, 2, 3, 4})}); },
+         [] {
+             return message("/a", {BBOSCArgument::argumentWithDataBlob(Bytes{1, 2, 3, 4})});
+         },
          "'/a' 00 00 ',b' 00 00 00 00 00 04 01 02 03 04 00 00 00 00"},
         {"5-byte blob gets 3 zeros",
-         [] { return message("/a", {BBOSCArgument::argumentWithDataBlob(Bytes{1, 2, 3, 4, 5})}); },
+         [] {
+             return message("/a", {BBOSCArgument::argumentWithDataBlob(Bytes{1, 2, 3, 4, 5})});
+         },
          "'/a' 00 00 ',b' 00 00 00 00 00 05 01 02 03 04 05 00 00 00"},
         {"empty blob gets 4 zeros",
          [] { return message("/a", {BBOSCArgument::argumentWithDataBlob(Bytes{})}); },
          "'/a' 00 00 ',b' 00 00 00 00 00 00 00 00 00 00"},
         {"three tags fill the group",
          [] {
-             return message("/a", {BBOSCArgument::argumentWithInt(1), BBOSCArgument::argumentWithFloat(0.0f),
+             return message("/a", {BBOSCArgument::argumentWithInt(1),
+                                   BBOSCArgument::argumentWithFloat(0.0f),
                                    BBOSCArgument::argumentWithString("")});
          },
          "'/a' 00 00 ',ifs' 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 00"},
@@ -201,26 +210,28 @@ TEST(OSCCodec, DatagramsDecodeOrAreDroppedWhole) {
         {"type tags without comma", "'/x' 00 00 'i' 00 00 00 00 00 00 01", std::nullopt},
         {"empty type-tag string", "'/x' 00 00 00 00 00 00", std::nullopt},
         {"unknown tag T", "'/x' 00 00 ',T' 00 00", std::nullopt},
-        {"unknown tag after good ones", "'/x' 00 00 ',ih' 00 00 00 00 00 01 00 00 00 00 00 00 00 02",
-         std::nullopt},
+        {"unknown tag after good ones",
+         "'/x' 00 00 ',ih' 00 00 00 00 00 01 00 00 00 00 00 00 00 02", std::nullopt},
         {"int cut short", "'/x' 00 00 ',i' 00 00 00 00 01", std::nullopt},
         {"float missing", "'/x' 00 00 ',f' 00 00", std::nullopt},
         {"string argument unterminated", "'/x' 00 00 ',s' 00 00 'abcd'", std::nullopt},
-        {"blob count beyond the end", "'/x' 00 00 ',b' 00 00 00 00 00 05 01 02 03 04", std::nullopt},
+        {"blob count beyond the end", "'/x' 00 00 ',b' 00 00 00 00 00 05 01 02 03 04",
+         std::nullopt},
         {"negative blob count", "'/x' 00 00 ',b' 00 00 FF FF FF FF 01 02 03 04", std::nullopt},
         {"byte 0x80 in the address", "'/x' 80 00 ',' 00 00 00", std::nullopt},
         {"byte 0xFF in a string argument", "'/x' 00 00 ',s' 00 00 'a' FF 00 00", std::nullopt},
         {"no arguments", "'/x' 00 00 ',' 00 00 00", "MESSAGE:\naddress:/x\n types:,"},
-        {"zero inside a group does not end the address",
-         "'/a' 00 'b' 00 00 00 00 ',' 00 00 00",
+        {"zero inside a group does not end the address", "'/a' 00 'b' 00 00 00 00 ',' 00 00 00",
          "MESSAGE:\naddress:/a\0b\n types:,"sv},
         {"leading zeros of a string are dropped", "00 '/ab' 00 00 00 00 ',' 00 00 00",
          "MESSAGE:\naddress:/ab\n types:,"},
         {"four kinds of argument",
-         "'/x' 00 00 ',ifsb' 00 00 00 FF FF FF FE 3F C0 00 00 'hey' 00 00 00 00 05 01 02 03 04 05 00 00 00",
-         "MESSAGE:\naddress:/x\n types:,ifsb\ni { -2 }\nf { 1.500000 }\ns { hey }\nb { <01020304 05> }"},
-        {"blob ending the datagram without padding",
-         "'/x' 00 00 ',b' 00 00 00 00 00 02 AA BB", "MESSAGE:\naddress:/x\n types:,b\nb { <aabb> }"},
+         "'/x' 00 00 ',ifsb' 00 00 00 FF FF FF FE 3F C0 00 00 'hey' 00 00 00 00 05 01 02 03 04 05 "
+         "00 00 00",
+         "MESSAGE:\naddress:/x\n types:,ifsb\ni { -2 }\nf { 1.500000 }\ns { hey }\nb { <01020304 "
+         "05> }"},
+        {"blob ending the datagram without padding", "'/x' 00 00 ',b' 00 00 00 00 00 02 AA BB",
+         "MESSAGE:\naddress:/x\n types:,b\nb { <aabb> }"},
         {"trailing bytes after the arguments are ignored", "'/x' 00 00 ',' 00 00 00 01 02",
          "MESSAGE:\naddress:/x\n types:,"},
         {"bundle of 15 bytes", "'#bundle' 00 5C 00 00 00 00 00 00", std::nullopt},
@@ -230,33 +241,38 @@ TEST(OSCCodec, DatagramsDecodeOrAreDroppedWhole) {
          "BUNDLE:\ntime: 2001-01-01 00:00:00 +0000"},
         {"bundle of 18 bytes cannot hold a size", "'#bundle' 00 5C 00 00 00 00 00 00 00 00 00",
          std::nullopt},
-        {"element size past the end", "'#bundle' 00 5C 00 00 00 00 00 00 00 00 00 00 09 2F 61 00 00 2C 00 00 00",
+        {"element size past the end",
+         "'#bundle' 00 5C 00 00 00 00 00 00 00 00 00 00 09 2F 61 00 00 2C 00 00 00", std::nullopt},
+        {"negative element size", "'#bundle' 00 5C 00 00 00 00 00 00 00 FF FF FF FC 2F 61 00 00",
          std::nullopt},
-        {"negative element size", "'#bundle' 00 5C 00 00 00 00 00 00 00 FF FF FF FC 2F 61 00 00", std::nullopt},
         {"only the first byte marks a bundle", "'#xyz' 00 00 00 00 5C 00 00 0A 00 00 00 00",
          "BUNDLE:\ntime: 2001-01-01 00:00:10 +0000"},
         {"immediate time tag reads as the distant past",
          "'#bundle' 00 00 00 00 00 00 00 00 01 00 00 00 08 2F 61 00 00 2C 00 00 00",
          "BUNDLE:\ntime: 0001-01-01 00:00:00 +0000\n---\nMESSAGE:\naddress:/a\n types:,"},
         {"malformed element is skipped, its sibling kept",
-         "'#bundle' 00 5C 00 00 00 00 00 00 00 00 00 00 04 2F 78 00 00 00 00 00 08 2F 61 00 00 2C 00 00 00",
+         "'#bundle' 00 5C 00 00 00 00 00 00 00 00 00 00 04 2F 78 00 00 00 00 00 08 2F 61 00 00 2C "
+         "00 00 00",
          "BUNDLE:\ntime: 2001-01-01 00:00:00 +0000\n---\nMESSAGE:\naddress:/a\n types:,"},
         {"one trailing byte after the last element ends the bundle",
          "'#bundle' 00 5C 00 00 00 00 00 00 00 00 00 00 08 2F 61 00 00 2C 00 00 00 07",
          "BUNDLE:\ntime: 2001-01-01 00:00:00 +0000\n---\nMESSAGE:\naddress:/a\n types:,"},
         {"two trailing bytes are a size cut short",
-         "'#bundle' 00 5C 00 00 00 00 00 00 00 00 00 00 08 2F 61 00 00 2C 00 00 00 07 07", std::nullopt},
+         "'#bundle' 00 5C 00 00 00 00 00 00 00 00 00 00 08 2F 61 00 00 2C 00 00 00 07 07",
+         std::nullopt},
         {"nested bundle keeps its own elements",
          "'#bundle' 00 5C 00 00 00 00 00 00 00 00 00 00 1C "
          "'#bundle' 00 5C 00 00 3C 00 00 00 00 00 00 00 08 2F 61 00 00 2C 00 00 00",
-         "BUNDLE:\ntime: 2001-01-01 00:00:00 +0000\n---\nBUNDLE:\ntime: 2001-01-01 00:01:00 +0000\n---\n"
+         "BUNDLE:\ntime: 2001-01-01 00:00:00 +0000\n---\nBUNDLE:\ntime: 2001-01-01 00:01:00 "
+         "+0000\n---\n"
          "MESSAGE:\naddress:/a\n types:,"},
     };
     for (const auto& c : cases) {
         const Bytes data = hex(c.bytes);
         const auto packet = BBOSCDecoder::decodeData(data);
         if (!c.expected) {
-            EXPECT_EQ(packet, nullptr) << c.name << ": " << (packet ? packet->stringRepresentation() : "");
+            EXPECT_EQ(packet, nullptr)
+                << c.name << ": " << (packet ? packet->stringRepresentation() : "");
             continue;
         }
         ASSERT_NE(packet, nullptr) << c.name;
@@ -266,7 +282,8 @@ TEST(OSCCodec, DatagramsDecodeOrAreDroppedWhole) {
 
 TEST(OSCCodec, DecodedPacketsEncodeBackToTheSameBytes) {
     const char* canonical[] = {
-        "'/x' 00 00 ',ifsb' 00 00 00 FF FF FF FE 3F C0 00 00 'hey' 00 00 00 00 05 01 02 03 04 05 00 00 00",
+        "'/x' 00 00 ',ifsb' 00 00 00 FF FF FF FE 3F C0 00 00 'hey' 00 00 00 00 05 01 02 03 04 05 "
+        "00 00 00",
         "'#bundle' 00 5C 00 00 00 00 00 00 00 00 00 00 1C "
         "'#bundle' 00 5C 00 00 3C 00 00 00 00 00 00 00 08 2F 61 00 00 2C 00 00 00",
         "'#bundle' 00 00 00 00 00 00 00 00 01 00 00 00 08 2F 61 00 00 2C 00 00 00",
@@ -280,7 +297,8 @@ TEST(OSCCodec, DecodedPacketsEncodeBackToTheSameBytes) {
 }
 
 TEST(OSCCodec, ReadersReportWhereTheyStopped) {
-    const Bytes data = hex("'ab' 00 00 'cdef' 00 00 00 00 00 00 00 04 01 02 03 04 00 00 00 00 00 00 00 07");
+    const Bytes data =
+        hex("'ab' 00 00 'cdef' 00 00 00 00 00 00 00 04 01 02 03 04 00 00 00 00 00 00 00 07");
     size_t end = 0;
     EXPECT_EQ(BBOSCDecoder::stringFromDataStartingAtEndingAt(data, 0, end), "ab");
     EXPECT_EQ(end, 4u);
@@ -294,7 +312,8 @@ TEST(OSCCodec, ReadersReportWhereTheyStopped) {
     EXPECT_EQ(BBOSCDecoder::intFromDataStartingAtEndingAt(data, 1000, end), std::nullopt);
     EXPECT_EQ(BBOSCDecoder::stringFromDataStartingAtEndingAt(data, 26, end), std::nullopt);
     EXPECT_EQ(BBOSCDecoder::floatFromDataStartingAtEndingAt(hex("3F 80 00 00"), 0, end), 1.0f);
-    EXPECT_EQ(BBOSCDecoder::argumentFromDataStartingAtEndingAtOfType(data, 0, end, 'd'), std::nullopt);
+    EXPECT_EQ(BBOSCDecoder::argumentFromDataStartingAtEndingAtOfType(data, 0, end, 'd'),
+              std::nullopt);
 }
 
 TEST(OSCCodec, ArgumentAccessorsConvertBetweenTypes) {
@@ -307,17 +326,20 @@ TEST(OSCCodec, ArgumentAccessorsConvertBetweenTypes) {
     };
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const std::vector<Case> cases = {
-        {"int passes through single precision", BBOSCArgument::argumentWithInt(16777217), 16777216.0f,
-         16777216, "i { 16777216 }"},
+        {"int passes through single precision", BBOSCArgument::argumentWithInt(16777217),
+         16777216.0f, 16777216, "i { 16777216 }"},
         {"negative int", BBOSCArgument::argumentWithInt(-7), -7.0f, -7, "i { -7 }"},
-        {"float truncates toward zero", BBOSCArgument::argumentWithFloat(2.9f), 2.9f, 2, "f { 2.900000 }"},
+        {"float truncates toward zero", BBOSCArgument::argumentWithFloat(2.9f), 2.9f, 2,
+         "f { 2.900000 }"},
         {"negative float truncates toward zero", BBOSCArgument::argumentWithFloat(-2.9f), -2.9f, -2,
          "f { -2.900000 }"},
-        {"huge float saturates", BBOSCArgument::argumentWithFloat(1e20f), 1e20f, INT32_MAX, nullptr},
-        {"huge negative float saturates", BBOSCArgument::argumentWithFloat(-1e20f), -1e20f, INT32_MIN,
+        {"huge float saturates", BBOSCArgument::argumentWithFloat(1e20f), 1e20f, INT32_MAX,
          nullptr},
+        {"huge negative float saturates", BBOSCArgument::argumentWithFloat(-1e20f), -1e20f,
+         INT32_MIN, nullptr},
         {"string has no number", BBOSCArgument::argumentWithString("12"), 0.0f, 0, "s { 12 }"},
-        {"blob has no number", BBOSCArgument::argumentWithDataBlob(Bytes{1}), 0.0f, 0, "b { <01> }"},
+        {"blob has no number", BBOSCArgument::argumentWithDataBlob(Bytes{1}), 0.0f, 0,
+         "b { <01> }"},
         {"no type", BBOSCArgument(), 0.0f, 0, "no arg value"},
     };
     for (const auto& c : cases) {
@@ -348,18 +370,21 @@ TEST(OSCCodec, DataUtilitiesPadAndReadBlocks) {
         const Bytes padded = BBOSCDataUtilities::paddedDataFromData(Bytes(n, 0x11));
         EXPECT_EQ(padded.size(), (n / 4 + 1) * 4) << n;
         EXPECT_EQ(padded.size() - n, 4 - n % 4) << n;
-        EXPECT_TRUE(std::all_of(padded.begin() + n, padded.end(), [](uint8_t b) { return b == 0; }));
+        EXPECT_TRUE(
+            std::all_of(padded.begin() + n, padded.end(), [](uint8_t b) { return b == 0; }));
     }
     EXPECT_EQ(BBOSCDataUtilities::dataBlockFromUInt(0xDEADBEEF), hex("DE AD BE EF"));
     EXPECT_EQ(BBOSCDataUtilities::dataBlockFromFloat(-2.0f), hex("C0 00 00 00"));
     EXPECT_EQ(BBOSCDataUtilities::uIntFromDataBlock(hex("DE AD BE EF")), 0xDEADBEEFu);
     EXPECT_EQ(BBOSCDataUtilities::intFromDataBlock(hex("FF FF FF")), 0);
     EXPECT_EQ(BBOSCDataUtilities::floatFromDataBlock(hex("3F 80")), 0.0f);
-    EXPECT_EQ(BBOSCDataUtilities::stringFromDataBlock(hex("00 00 'a' 00 'b' 00")), std::string("a\0b", 3));
+    EXPECT_EQ(BBOSCDataUtilities::stringFromDataBlock(hex("00 00 'a' 00 'b' 00")),
+              std::string("a\0b", 3));
     EXPECT_EQ(BBOSCDataUtilities::stringFromDataBlock(hex("'a' C3 A9 00")), std::nullopt);
     EXPECT_EQ(BBOSCDataUtilities::blobFromDataBlock(hex("00 00 00 02 07 08 00 00")), (Bytes{7, 8}));
     EXPECT_EQ(BBOSCDataUtilities::blobFromDataBlock(hex("00 00 00 05 07 08")), std::nullopt);
-    EXPECT_EQ(BBOSCDataUtilities::dataBlockFromBlob(Bytes{1, 2, 3}), hex("00 00 00 03 01 02 03 00"));
+    EXPECT_EQ(BBOSCDataUtilities::dataBlockFromBlob(Bytes{1, 2, 3}),
+              hex("00 00 00 03 01 02 03 00"));
     EXPECT_EQ(BBOSCAddress::addressWithArray({"a", "b"}).address(), "/a/b");
     EXPECT_EQ(BBOSCAddress::addressWithArray({}).address(), "");
 }
@@ -388,18 +413,20 @@ TEST(OSCCodec, TextFormsForLogs) {
     struct Plain : BBOSCPacket {};
     EXPECT_EQ(Plain().stringRepresentation(), "abstract parent class: BBOSCPacket");
     EXPECT_TRUE(Plain().packetizedData().empty());
-    auto m = message("/a", {BBOSCArgument::argumentWithInt(1), BBOSCArgument::argumentWithFloat(1.5f),
-                            BBOSCArgument::argumentWithString("hi"),
-                            BBOSCArgument::argumentWithDataBlob(Bytes{1, 2, 3, 4, 5})});
+    auto m =
+        message("/a", {BBOSCArgument::argumentWithInt(1), BBOSCArgument::argumentWithFloat(1.5f),
+                       BBOSCArgument::argumentWithString("hi"),
+                       BBOSCArgument::argumentWithDataBlob(Bytes{1, 2, 3, 4, 5})});
     EXPECT_EQ(m->typeTagString(), ",ifsb");
-    EXPECT_EQ(m->stringRepresentation(),
-              "MESSAGE:\naddress:/a\n types:,ifsb\ni { 1 }\nf { 1.500000 }\ns { hi }\nb { <01020304 05> }");
+    EXPECT_EQ(m->stringRepresentation(), "MESSAGE:\naddress:/a\n types:,ifsb\ni { 1 }\nf { "
+                                         "1.500000 }\ns { hi }\nb { <01020304 05> }");
     auto b = BBOSCBundle::bundleWithTimestamp(86400.0 + 3661.0);
     b->attachObject(message("/a"));
     b->attachObject(nullptr);
     b->attachObject(message("/b"));
-    EXPECT_EQ(b->stringRepresentation(), "BUNDLE:\ntime: 2001-01-02 01:01:01 +0000\n---\nMESSAGE:\naddress:/a\n "
-                                         "types:,\n---\nMESSAGE:\naddress:/b\n types:,");
+    EXPECT_EQ(b->stringRepresentation(),
+              "BUNDLE:\ntime: 2001-01-02 01:01:01 +0000\n---\nMESSAGE:\naddress:/a\n "
+              "types:,\n---\nMESSAGE:\naddress:/b\n types:,");
 }
 
 } // namespace

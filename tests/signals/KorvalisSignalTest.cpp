@@ -1,6 +1,7 @@
 // The Korvalis signal: titles, the rising-edge detector, the sending rules
 // with their fall-through, default ranges, and the bounded loopback.
 
+#include "osc/BBOSCMessage.h"
 #include "signals/TSKorvalisSignal.h"
 #include "signals/TSOSCSignal.h"
 #include "signals/TSPlug.h"
@@ -79,7 +80,8 @@ TEST(KorvalisSignal, SendingRulesAndTheirFallThrough) {
         {"layer/opacity/2", nullptr, {0.5f, 0.5f, 2.0f}, {A(50.0f), A(50.0f), A(200.0f)}},
         {"action/launchColumn/5", nullptr, {0.0f, 1.0f, 0.0f, 1.0f, 1.0f},
          {none, A(std::int32_t{5}), none, A(std::int32_t{5}), A(std::int32_t{5})}},
-        {"action/launchColumn/5", nullptr, {0.4f, 0.6f, 0.7f}, {A(0.4f), A(std::int32_t{5}), none}},
+        {"action/launchColumn/5", nullptr, {0.4f, 0.3f, 0.6f, 0.7f},
+         {A(std::int32_t{5}), none, A(std::int32_t{5}), none}},
         {"action/stopColumn/12", nullptr, {1.0f}, {A(std::int32_t{12})}},
         {"action/launchOrStopColumn/7", nullptr, {0.9f}, {A(std::int32_t{7})}},
         {"action/selectBoard/4", nullptr, {0.2f, 0.1f}, {A(std::int32_t{4}), none}},

@@ -13,8 +13,7 @@ namespace {
 constexpr const char* kSetupChangedNotification = "VVMIDISetupChangedNotification";
 
 // Walks a node list under its read lock.
-template <class Fn>
-void forEachNode(VVMIDIManager::NodeArray& list, Fn&& fn) {
+template <class Fn> void forEachNode(VVMIDIManager::NodeArray& list, Fn&& fn) {
     list.rdlock();
     for (const VVMIDINodePtr& node : list.array()) {
         if (!fn(node))
@@ -59,7 +58,9 @@ std::optional<std::string> fullNameOf(const VVMIDINode& n) {
     std::string f = n.fullName();
     return f.empty() ? std::nullopt : std::optional(f);
 }
-std::optional<std::string> modelOf(const VVMIDINode& n) { return n.properties().model; }
+std::optional<std::string> modelOf(const VVMIDINode& n) {
+    return n.properties().model;
+}
 std::optional<std::string> deviceOf(const VVMIDINode& n) {
     return n.deviceName().empty() ? std::nullopt : std::optional(n.deviceName());
 }
@@ -125,7 +126,9 @@ VVMIDINodePtr VVMIDIManager::createSendingNodeWithName(const std::string& name) 
     return VVMIDINode::createSenderWithName(name);
 }
 
-void VVMIDIManager::setupChanged() { rebuildAndTell(this, alive_); }
+void VVMIDIManager::setupChanged() {
+    rebuildAndTell(this, alive_);
+}
 
 void VVMIDIManager::rebuildAndTell(VVMIDIManager* manager, const std::shared_ptr<bool>& alive) {
     // Everything touching the lists runs on the main thread; the delegate is
@@ -258,7 +261,9 @@ void VVMIDIManager::loadSnapshot(const Snapshot& snapshot) {
     apply(destArray_, "fullDst", "dst");
 }
 
-VVMIDINodePtr VVMIDIManager::findDestNodeNamed(const std::string& t) { return findNode(destArray_, t, nameOf); }
+VVMIDINodePtr VVMIDIManager::findDestNodeNamed(const std::string& t) {
+    return findNode(destArray_, t, nameOf);
+}
 VVMIDINodePtr VVMIDIManager::findDestNodeWithFullName(const std::string& t) {
     return findNode(destArray_, t, fullNameOf);
 }
@@ -282,17 +287,22 @@ VVMIDINodePtr VVMIDIManager::findSourceNodeWithDeviceName(const std::string& t) 
 }
 
 std::vector<std::string> VVMIDIManager::destNodeNameArray() {
-    return nameList(destArray_, [](const VVMIDINode& n) { return n.name(); }, false);
+    return nameList(
+        destArray_, [](const VVMIDINode& n) { return n.name(); }, false);
 }
 std::vector<std::string> VVMIDIManager::destNodeFullNameArray() {
-    return nameList(destArray_, [](const VVMIDINode& n) { return n.fullName(); }, false);
+    return nameList(
+        destArray_, [](const VVMIDINode& n) { return n.fullName(); }, false);
 }
 std::vector<std::string> VVMIDIManager::sourceNodeNameArray() {
-    return nameList(sourceArray_, [](const VVMIDINode& n) { return n.name(); }, false);
+    return nameList(
+        sourceArray_, [](const VVMIDINode& n) { return n.name(); }, false);
 }
 std::vector<std::string> VVMIDIManager::sourceNodeFullNameArray() {
-    return nameList(sourceArray_, [](const VVMIDINode& n) { return n.fullName(); }, false);
+    return nameList(
+        sourceArray_, [](const VVMIDINode& n) { return n.fullName(); }, false);
 }
 std::vector<std::string> VVMIDIManager::deviceNameArray() {
-    return nameList(sourceArray_, [](const VVMIDINode& n) { return n.deviceName(); }, true);
+    return nameList(
+        sourceArray_, [](const VVMIDINode& n) { return n.deviceName(); }, true);
 }

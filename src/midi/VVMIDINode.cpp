@@ -195,7 +195,8 @@ long VVMIDINode::handOverLocked() {
     MIDIPacketList out;
     for (const VVMIDIPacketView& p : packetList_->packets())
         out.push_back({p.timestamp, std::vector<uint8_t>(p.bytes, p.bytes + p.length)});
-    const bool ok = virtualSender_ ? service_->publish(out) : service_->send(endpointRef_.uniqueID, out);
+    const bool ok =
+        virtualSender_ ? service_->publish(out) : service_->send(endpointRef_.uniqueID, out);
     return ok ? 0 : VVMIDIClient::kRefused;
 }
 

@@ -20,11 +20,11 @@
 // sendMsgs may run on any thread and serialise on sendingLock_. enabled and
 // the delegate are atomics written by the main thread.
 
+#include "midi/VVMIDIClient.h"
 #include "midi/VVMIDIInputParser.h"
 #include "midi/VVMIDIMessage.h"
 #include "midi/VVMIDINodeDelegate.h"
 #include "midi/VVMIDIPacketList.h"
-#include "midi/VVMIDIClient.h"
 
 #include <atomic>
 #include <cstdint>

@@ -19,7 +19,9 @@ public:
     std::atomic<int> failPublishes{0};
     std::map<std::uint32_t, std::string> models;
 
-    std::vector<MIDIEndpointInfo> sources() override { return withModels(MemoryMIDIService::sources()); }
+    std::vector<MIDIEndpointInfo> sources() override {
+        return withModels(MemoryMIDIService::sources());
+    }
     std::vector<MIDIEndpointInfo> destinations() override {
         return withModels(MemoryMIDIService::destinations());
     }

@@ -8,8 +8,8 @@
 #include "midi/VVMIDIManager.h"
 #include "platform/Log.h"
 
-#include <gtest/gtest.h>
 #include <chrono>
+#include <gtest/gtest.h>
 #include <thread>
 
 namespace {
@@ -76,7 +76,8 @@ TEST(MidiManagerConcurrency, InputAndSendsDuringRebuilds) {
     EXPECT_EQ(delegate.setups.load(), 600);
     EXPECT_GE(delegate.lists.load(), listsBefore);
     EXPECT_EQ(manager->sourceArray().lockCount(), 3);
-    EXPECT_FALSE(service->sentTo(manager->findDestNodeNamed("Out")->endpointRef().uniqueID).empty());
+    EXPECT_FALSE(
+        service->sentTo(manager->findDestNodeNamed("Out")->endpointRef().uniqueID).empty());
     manager.reset(); // teardown with input possibly still queued in the service
 }
 

@@ -2,8 +2,8 @@
 // rebuilding on setup changes, sending to every destination, look-ups, name
 // lists and snapshots.
 
-#include "MidiTestService.h"
 #include "midi/VVMIDIManager.h"
+#include "MidiTestService.h"
 #include "platform/Log.h"
 
 #include <gtest/gtest.h>
@@ -72,7 +72,8 @@ TEST_F(ManagerFixture, SendReachesEveryEnabledDestinationAndTheVirtualSourceOnce
     ASSERT_EQ(service->published().size(), 1u);
     EXPECT_EQ(packetsText(service->published()[0]), "B2 07 64");
 
-    manager->sendMsgs({VVMIDIMessage::createWithTypeChannel(0xFA, 0), VVMIDIMessage::createWithTypeChannel(0xF8, 0),
+    manager->sendMsgs({VVMIDIMessage::createWithTypeChannel(0xFA, 0),
+                       VVMIDIMessage::createWithTypeChannel(0xF8, 0),
                        VVMIDIMessage::createWithTypeChannel(0xFC, 0)});
     manager->sendMsgs({});
     ASSERT_EQ(service->sentTo(a).size(), 2u);
@@ -166,9 +167,11 @@ TEST_F(ManagerFixture, LookUpsAndNameLists) {
     for (const Case& c : table)
         EXPECT_EQ(c.found ? c.found->fullName() : "", c.fullName) << c.what;
 
-    EXPECT_EQ(manager->sourceNodeNameArray(), (std::vector<std::string>{"Port", "Port", "Knobs", "Faders", "Solo"}));
+    EXPECT_EQ(manager->sourceNodeNameArray(),
+              (std::vector<std::string>{"Port", "Port", "Knobs", "Faders", "Solo"}));
     EXPECT_EQ(manager->sourceNodeFullNameArray(),
-              (std::vector<std::string>{"Box-Port", "Other box-Port", "Box-Knobs", "Box-Faders", "Solo"}));
+              (std::vector<std::string>{"Box-Port", "Other box-Port", "Box-Knobs", "Box-Faders",
+                                        "Solo"}));
     EXPECT_EQ(manager->deviceNameArray(), (std::vector<std::string>{"Box", "Other box"}));
     EXPECT_EQ(manager->destNodeNameArray(), std::vector<std::string>{"Out"});
     EXPECT_EQ(manager->destNodeFullNameArray(), std::vector<std::string>{"Box-Out"});
@@ -182,7 +185,8 @@ TEST_F(ManagerFixture, SnapshotsByFullNameOrByName) {
     manager->findSourceNodeNamed("Pads")->setEnabled(false);
     const auto snapshot = manager->createSnapshot();
     EXPECT_EQ(snapshot.size(), 2u);
-    EXPECT_EQ(snapshot.at("fullSrc"), (std::map<std::string, bool>{{"Keyboard-Keys", true}, {"Pads", false}}));
+    EXPECT_EQ(snapshot.at("fullSrc"),
+              (std::map<std::string, bool>{{"Keyboard-Keys", true}, {"Pads", false}}));
     EXPECT_EQ(snapshot.at("fullDst"), (std::map<std::string, bool>{{"Synth-Synth In", true}}));
 
     struct Case {
@@ -192,7 +196,11 @@ TEST_F(ManagerFixture, SnapshotsByFullNameOrByName) {
     };
     const std::vector<Case> table = {
         {"only src, by name", {{"src", {{"Keys", false}}}}, false, true, true},
-        {"full name wins over name", {{"fullSrc", {{"Keyboard-Keys", false}}}, {"src", {{"Pads", false}}}}, false, true, true},
+        {"full name wins over name",
+         {{"fullSrc", {{"Keyboard-Keys", false}}}, {"src", {{"Pads", false}}}},
+         false,
+         true,
+         true},
         {"name is not a full name", {{"fullSrc", {{"Keys", false}}}}, true, true, true},
         {"destinations by name", {{"dst", {{"Synth In", false}}}}, true, true, false},
         {"empty", {}, true, true, true},

@@ -1,8 +1,8 @@
 // Nodes over the in-memory service: what goes on the wire, what is refused
 // and logged, what reaches the delegate, and the clocks.
 
-#include "MidiTestService.h"
 #include "midi/VVMIDINode.h"
+#include "MidiTestService.h"
 #include "platform/Log.h"
 
 #include <gtest/gtest.h>
@@ -35,7 +35,9 @@ struct NodeFixture : ::testing::Test {
     }
 };
 
-VVMIDIMessagePtr sysexOf(size_t n) { return VVMIDIMessage::createWithSysexArray(std::vector<int>(n, 0x11)); }
+VVMIDIMessagePtr sysexOf(size_t n) {
+    return VVMIDIMessage::createWithSysexArray(std::vector<int>(n, 0x11));
+}
 
 TEST_F(NodeFixture, SendMsgPutsTheWireFormOnTheDestinationOrLogsTheRefusal) {
     const auto dest = service->addDestination("Synth In", "Synth");
@@ -49,7 +51,8 @@ TEST_F(NodeFixture, SendMsgPutsTheWireFormOnTheDestinationOrLogsTheRefusal) {
     };
     const std::vector<Case> table = {
         {"note on", VVMIDIMessage::createFromVals(0x90, 0, 0x3C, 0x40), "90 3C 40", nullptr},
-        {"channel ORed whole", VVMIDIMessage::createFromVals(0x90, 20, 60, 200), "94 3C C8", nullptr},
+        {"channel ORed whole", VVMIDIMessage::createFromVals(0x90, 20, 60, 200), "94 3C C8",
+         nullptr},
         {"clock with a channel", VVMIDIMessage::createWithTypeChannel(0xF8, 5), "FD", nullptr},
         {"program change", VVMIDIMessage::createFromVals(0xC0, 1, 5, 9), "C1 05", nullptr},
         {"undefined common", VVMIDIMessage::createWithTypeChannel(0xF4, 0), nullptr,
@@ -93,7 +96,9 @@ TEST_F(NodeFixture, PacketTimesAreTheMessageTimeOrNow) {
 TEST_F(NodeFixture, SendMsgsHandsOverOneListAndEndsABatchAtARefusal) {
     const auto dest = service->addDestination("Out");
     auto node = senderTo(dest);
-    auto note = [](int n) { return VVMIDIMessage::createFromVals(0x90, 0, static_cast<uint8_t>(n), 0x40); };
+    auto note = [](int n) {
+        return VVMIDIMessage::createFromVals(0x90, 0, static_cast<uint8_t>(n), 0x40);
+    };
     node->sendMsgs({note(1), note(2), note(3)});
     EXPECT_EQ(sentTexts(dest), std::vector<std::string>{"90 01 40 | 90 02 40 | 90 03 40"});
 
@@ -163,7 +168,9 @@ TEST_F(NodeFixture, DisabledNodesNeitherSendNorDeliverButStillFollowClocks) {
 TEST_F(NodeFixture, DelegateWithOnlyTheListFormGetsThat) {
     struct ListOnly : VVMIDINodeDelegate {
         int lists = 0;
-        void receivedMIDI(const VVMIDIMessageList& m) override { lists += static_cast<int>(m.size()); }
+        void receivedMIDI(const VVMIDIMessageList& m) override {
+            lists += static_cast<int>(m.size());
+        }
     } delegate;
     auto in = VVMIDINode::createReceiverWithName("To Tessarine");
     ASSERT_TRUE(in);

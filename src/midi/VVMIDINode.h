@@ -5,7 +5,7 @@
 // service lists (a source or a destination of some device or program) or owns
 // a virtual endpoint of its own, made under a given name so that other
 // programs can reach Tessarine:
-//   createReceiverWithEndpoint  a system source; an input port connected to it
+//   createReceiverWithEndpoint  a system source; the service connects it to the node
 //   createReceiverWithName      a new virtual destination ("To Tessarine")
 //   createSenderWithEndpoint    a system destination; sends to it
 //   createSenderWithName        a new virtual source ("From Tessarine"); publishes on it
@@ -16,9 +16,17 @@
 // hands the list to the service.
 //
 // Threads: nodes are made and released on the main thread. handlePacketList
-// runs on the service's receive thread and alone touches the parser. sendMsg /
-// sendMsgs may run on any thread and serialise on sendingLock_. enabled and
-// the delegate are atomics written by the main thread.
+// runs on the service's receive thread and alone touches the parser; the
+// service reaches the node through a slot whose mutex is held for the whole
+// callback, so releasing a node waits for a callback in progress and none
+// comes after. A delegate therefore must never wait for the main thread.
+// sendMsg / sendMsgs may run on any thread and serialise on sendingLock_.
+// enabled and the delegate are atomics written by the main thread.
+//
+// Choices where a hand-over goes wrong: after a failed send or publish the
+// packet list is emptied (stale packets are never sent late with the next
+// message); a batch stops at the first message without a wire form or that
+// does not fit, what was laid out before it is still sent, the rest dropped.
 
 #include "midi/VVMIDIClient.h"
 #include "midi/VVMIDIInputParser.h"

@@ -2,6 +2,7 @@
 
 #include "dmx/LODMXResponse.h"
 #include "io/CommandManager.h"
+#include "midi/VVMIDIManager.h"
 #include "midi/VVMIDIMessage.h"
 #include "osc/BBOSCDecoder.h"
 #include "osc/BBOSCListener.h"
@@ -60,6 +61,9 @@ TessarineController::TessarineController(Wiring wiring) : wiring_(std::move(wiri
     });
     connect(&plugs_, &TSPlugList::selectionChanged, this,
             [this] { learnTarget_.store(plugs_.firstSelectedObject()); });
+
+    if (wiring_.midiManager)
+        wiring_.midiManager->setDelegate(this);
 
     ts::Defaults& defaults = ts::Defaults::standard();
     setDmxMode(static_cast<int>(defaults.integerForKey("dmxMode")));
@@ -431,6 +435,50 @@ void TessarineController::setupChanged() {
     ts::performOnMainThread([this] { emit midiSetupChanged(); });
 }
 
+int TessarineController::numberOfRowsInTableView(MIDITable table) const {
+    const auto& manager = wiring_.midiManager;
+    switch (table) {
+    case MIDITable::Sources: return manager ? static_cast<int>(manager->sourceArray().lockCount()) + 1 : 1;
+    case MIDITable::Destinations: return manager ? static_cast<int>(manager->destArray().lockCount()) + 1 : 1;
+    case MIDITable::Other: break;
+    }
+    return 0;
+}
+
+std::shared_ptr<VVMIDINode> TessarineController::getMidiNodeForTableViewAndRow(MIDITable table,
+                                                                               int row) const {
+    const auto& manager = wiring_.midiManager;
+    if (!manager || table == MIDITable::Other || row < 0)
+        return nullptr;
+    auto& list = table == MIDITable::Sources ? manager->sourceArray() : manager->destArray();
+    if (row < list.lockCount())
+        return list.lockObjectAtIndex(row);
+    // The extra last row: the program's own endpoint.
+    return table == MIDITable::Sources ? manager->virtualSource() : manager->virtualDest();
+}
+
+QVariant TessarineController::tableViewObjectValueForTableColumnRow(MIDITable table,
+                                                                    const QString& column,
+                                                                    int row) const {
+    const auto node = getMidiNodeForTableViewAndRow(table, row);
+    if (!node)
+        return {};
+    if (column == QLatin1String("SourcesName"))
+        return QString::fromStdString(node->name());
+    if (column == QLatin1String("SourcesEnabled"))
+        return node->enabled() ? 1 : 0;
+    return {};
+}
+
+void TessarineController::tableViewSetObjectValueForTableColumnRow(MIDITable table,
+                                                                   const QVariant& value,
+                                                                   const QString& column, int row) {
+    if (column != QLatin1String("SourcesEnabled"))
+        return;
+    if (const auto node = getMidiNodeForTableViewAndRow(table, row))
+        node->setEnabled(value.toInt() == 1);
+}
+
 // --- the Korvalis link ------------------------------------------------------
 
 void TessarineController::dispatchRawPacket(std::span<const std::uint8_t> datagram) {
@@ -570,6 +618,8 @@ void TessarineController::applicationWillTerminate() {
 // (other threads may still be sending through them) and are released with
 // the controller.
 void TessarineController::stopInputThreads() {
+    if (wiring_.midiManager)
+        wiring_.midiManager->setDelegate(nullptr);
     if (auto* command = dynamic_cast<CommandManager*>(wiring_.command.get()))
         command->stopListening();
 }

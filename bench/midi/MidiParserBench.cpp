@@ -28,8 +28,8 @@ Stream makeStream() {
             std::vector<uint8_t> b;
             if (kind < 30) { // note on or off
                 const uint8_t ch = static_cast<uint8_t>(pick(4));
-                b = {static_cast<uint8_t>((pick(2) ? 0x90 : 0x80) | ch), static_cast<uint8_t>(36 + pick(48)),
-                     static_cast<uint8_t>(pick(128))};
+                b = {static_cast<uint8_t>((pick(2) ? 0x90 : 0x80) | ch),
+                     static_cast<uint8_t>(36 + pick(48)), static_cast<uint8_t>(pick(128))};
             } else if (kind < 60) { // fader sweep
                 b = {static_cast<uint8_t>(0xB0 | pick(2)), static_cast<uint8_t>(1 + pick(8)),
                      static_cast<uint8_t>(pick(128))};
@@ -76,9 +76,11 @@ void BM_ParseMixedStream(benchmark::State& state) {
         benchmark::DoNotOptimize(out.data());
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * stream.bytes));
-    state.counters["messages/s"] = benchmark::Counter(static_cast<double>(messages), benchmark::Counter::kIsRate);
-    state.counters["callbacks/s"] = benchmark::Counter(
-        static_cast<double>(state.iterations() * stream.callEnds.size()), benchmark::Counter::kIsRate);
+    state.counters["messages/s"] =
+        benchmark::Counter(static_cast<double>(messages), benchmark::Counter::kIsRate);
+    state.counters["callbacks/s"] =
+        benchmark::Counter(static_cast<double>(state.iterations() * stream.callEnds.size()),
+                           benchmark::Counter::kIsRate);
 }
 BENCHMARK(BM_ParseMixedStream)->Unit(benchmark::kMillisecond);
 

@@ -74,5 +74,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             flush();
     }
     flush();
+
+    // The same bytes read as a packet list in the sender's layout: the reader
+    // must stop at the first packet that runs past the end.
+    const std::vector<VVMIDIPacketView> raw = VVMIDIPacketList::readPackets(data, size);
+    for (const VVMIDIPacketView& p : raw)
+        if (p.bytes < data || p.bytes + p.length > data + size)
+            abort();
+    VVMIDIMessageList out;
+    VVMIDIInputParser second;
+    second.parsePacketList(raw, clock, out);
+    check(out);
     return 0;
 }

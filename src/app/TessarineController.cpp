@@ -1,14 +1,18 @@
 #include "app/TessarineController.h"
 
 #include "dmx/LODMXResponse.h"
+#include "io/CommandManager.h"
+#include "midi/VVMIDIManager.h"
 #include "midi/VVMIDIMessage.h"
 #include "osc/BBOSCDecoder.h"
 #include "osc/BBOSCListener.h"
 #include "osc/BBOSCListenerDelegate.h"
 #include "osc/BBOSCSender.h"
+#include "osc/OSCManager.h"
 #include "platform/Defaults.h"
 #include "platform/Log.h"
 #include "platform/MainThread.h"
+#include "platform/NilValue.h"
 #include "platform/NotificationCenter.h"
 #include "signals/TSCommandSignal.h"
 #include "signals/TSDmxSignal.h"
@@ -29,7 +33,6 @@ std::atomic<TessarineController*> sharedInstance{nullptr};
 
 constexpr int kDefaultKorvalisSendPort = 5000;
 constexpr int kDefaultKorvalisListenPort = 5001;
-constexpr int kClearedNumericSetting = 1111;
 const char* const kKorvalisHost = "127.0.0.1"; // Korvalis always runs on this machine
 
 // The Korvalis listener hands datagrams to the controller through this.
@@ -58,6 +61,9 @@ TessarineController::TessarineController(Wiring wiring) : wiring_(std::move(wiri
     });
     connect(&plugs_, &TSPlugList::selectionChanged, this,
             [this] { learnTarget_.store(plugs_.firstSelectedObject()); });
+
+    if (wiring_.midiManager)
+        wiring_.midiManager->setDelegate(this);
 
     ts::Defaults& defaults = ts::Defaults::standard();
     setDmxMode(static_cast<int>(defaults.integerForKey("dmxMode")));
@@ -95,6 +101,7 @@ TessarineController::TessarineController(Wiring wiring) : wiring_(std::move(wiri
 }
 
 TessarineController::~TessarineController() {
+    stopInputThreads();
     TessarineController* self = this;
     sharedInstance.compare_exchange_strong(self, nullptr);
     for (auto token : dmxObservers_)
@@ -362,12 +369,11 @@ void TessarineController::updateDmxMode(int mode) {
     updateDmxBridge();
 }
 
-void TessarineController::setNilValueForKey(const QString& key) {
-    const QByteArray name = key.toUtf8();
-    const int index = metaObject()->indexOfProperty(name.constData());
-    if (index < 0 || !metaObject()->property(index).isWritable() ||
-        !setProperty(name.constData(), kClearedNumericSetting))
-        ts::logf("Cannot set %s", name.constData());
+void TessarineController::setNilValueForKey(const QString& key) { ts::setNilValueForKey(*this, key); }
+
+void TessarineController::updateLocalIP() {
+    if (auto* osc = dynamic_cast<OSCManager*>(wiring_.osc.get()))
+        osc->updateLocalIP();
 }
 
 // --- keys -------------------------------------------------------------------
@@ -427,6 +433,50 @@ void TessarineController::receivedMIDIFromNode(
 
 void TessarineController::setupChanged() {
     ts::performOnMainThread([this] { emit midiSetupChanged(); });
+}
+
+int TessarineController::numberOfRowsInTableView(MIDITable table) const {
+    const auto& manager = wiring_.midiManager;
+    switch (table) {
+    case MIDITable::Sources: return manager ? static_cast<int>(manager->sourceArray().lockCount()) + 1 : 1;
+    case MIDITable::Destinations: return manager ? static_cast<int>(manager->destArray().lockCount()) + 1 : 1;
+    case MIDITable::Other: break;
+    }
+    return 0;
+}
+
+std::shared_ptr<VVMIDINode> TessarineController::getMidiNodeForTableViewAndRow(MIDITable table,
+                                                                               int row) const {
+    const auto& manager = wiring_.midiManager;
+    if (!manager || table == MIDITable::Other || row < 0)
+        return nullptr;
+    auto& list = table == MIDITable::Sources ? manager->sourceArray() : manager->destArray();
+    if (row < list.lockCount())
+        return list.lockObjectAtIndex(row);
+    // The extra last row: the program's own endpoint.
+    return table == MIDITable::Sources ? manager->virtualSource() : manager->virtualDest();
+}
+
+QVariant TessarineController::tableViewObjectValueForTableColumnRow(MIDITable table,
+                                                                    const QString& column,
+                                                                    int row) const {
+    const auto node = getMidiNodeForTableViewAndRow(table, row);
+    if (!node)
+        return {};
+    if (column == QLatin1String("SourcesName"))
+        return QString::fromStdString(node->name());
+    if (column == QLatin1String("SourcesEnabled"))
+        return node->enabled() ? 1 : 0;
+    return {};
+}
+
+void TessarineController::tableViewSetObjectValueForTableColumnRow(MIDITable table,
+                                                                   const QVariant& value,
+                                                                   const QString& column, int row) {
+    if (column != QLatin1String("SourcesEnabled"))
+        return;
+    if (const auto node = getMidiNodeForTableViewAndRow(table, row))
+        node->setEnabled(value.toInt() == 1);
 }
 
 // --- the Korvalis link ------------------------------------------------------
@@ -558,4 +608,18 @@ void TessarineController::savePlugs() {
     ts::Defaults::standard().setJsonForKey(archivePlugs(plugs_.arrangedObjects()), "plugs");
 }
 
-void TessarineController::applicationWillTerminate() { savePlugs(); }
+void TessarineController::applicationWillTerminate() {
+    stopInputThreads();
+    savePlugs();
+}
+
+// Inputs that call in on threads of their own stop first, so nothing arrives
+// while the list is stored or the controller goes away. The managers stay
+// (other threads may still be sending through them) and are released with
+// the controller.
+void TessarineController::stopInputThreads() {
+    if (wiring_.midiManager)
+        wiring_.midiManager->setDelegate(nullptr);
+    if (auto* command = dynamic_cast<CommandManager*>(wiring_.command.get()))
+        command->stopListening();
+}

@@ -21,9 +21,11 @@
 #include "app/DispatchIndex.h"
 #include "app/OutputPorts.h"
 #include "app/TSPlugList.h"
+#include "midi/VVMIDIManagerDelegate.h"
 
 #include <QObject>
 #include <QString>
+#include <QVariant>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -36,6 +38,7 @@ class BBOSCListener;
 class BBOSCMessage;
 class BBOSCPacket;
 class BBOSCSender;
+class VVMIDIManager;
 class VVMIDIMessage;
 class VVMIDINode;
 
@@ -47,7 +50,7 @@ struct TSKeyEvent {
     QString charactersIgnoringModifiers;
 };
 
-class TessarineController : public QObject {
+class TessarineController : public QObject, public VVMIDIManagerDelegate {
     Q_OBJECT
     Q_PROPERTY(int korvalisSendPort READ korvalisSendPort WRITE setKorvalisSendPort NOTIFY
                    korvalisSendPortChanged)
@@ -64,6 +67,9 @@ public:
     // drops what is sent to it.
     struct Wiring {
         std::shared_ptr<MIDIOutputPort> midi;
+        // The MIDI manager whose delegate the controller becomes (its
+        // endpoint tables, learn mode and input).
+        std::shared_ptr<VVMIDIManager> midiManager;
         std::shared_ptr<OSCOutputPort> osc;
         std::shared_ptr<CommandOutputPort> command;
         std::shared_ptr<ArtnetOutputPort> artnet;
@@ -124,6 +130,8 @@ public:
     bool consoleVisible() const { return consoleVisible_.load(std::memory_order_relaxed); }
     QString consoleText() const { return consoleText_; }
     void updateDmxMode(int mode);
+    // Asks the OSC manager to tell the settings window the local address again.
+    void updateLocalIP();
     // A bound numeric setting cleared in the window becomes 1111.
     void setNilValueForKey(const QString& key);
 
@@ -133,8 +141,20 @@ public:
 
     // From the MIDI manager, on its input thread.
     void receivedMIDIFromNode(const std::vector<std::shared_ptr<VVMIDIMessage>>& messages,
-                              VVMIDINode* node);
-    void setupChanged();
+                              VVMIDINode* node) override;
+    // Endpoints appeared or vanished: both MIDI tables reload.
+    void setupChanged() override;
+
+    // The data of the two MIDI endpoint tables of the settings window: one
+    // row per source (destination) and a last row for this program's own
+    // virtual endpoint. Columns "SourcesName" and "SourcesEnabled".
+    enum class MIDITable { Sources, Destinations, Other };
+    int numberOfRowsInTableView(MIDITable table) const;
+    std::shared_ptr<VVMIDINode> getMidiNodeForTableViewAndRow(MIDITable table, int row) const;
+    QVariant tableViewObjectValueForTableColumnRow(MIDITable table, const QString& column,
+                                                   int row) const;
+    void tableViewSetObjectValueForTableColumnRow(MIDITable table, const QVariant& value,
+                                                  const QString& column, int row);
 
     // From the Korvalis listener, on the main thread.
     void dispatchRawPacket(std::span<const std::uint8_t> datagram);
@@ -189,6 +209,7 @@ private:
     static bool sendToAll(const DispatchIndex::Plugs& plugs, float value);
     void appendToConsoleInMainThread(const QString& text);
     void malformedKorvalisDatagram();
+    void stopInputThreads();
 
     TSPlugList plugs_;
     ts::AtomicSharedPtr<const DispatchIndex> index_;

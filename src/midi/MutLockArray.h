@@ -42,8 +42,7 @@
 #include <string>
 #include <vector>
 
-template <class T>
-class MutLockArray {
+template <class T> class MutLockArray {
 public:
     using Ptr = std::shared_ptr<T>;
     using List = std::vector<Ptr>;
@@ -99,9 +98,7 @@ public:
     List& array() { return array_; }
     const List& array() const { return array_; }
     auto objectEnumerator() { return std::ranges::subrange(array_.begin(), array_.end()); }
-    auto reverseObjectEnumerator() {
-        return std::ranges::subrange(array_.rbegin(), array_.rend());
-    }
+    auto reverseObjectEnumerator() { return std::ranges::subrange(array_.rbegin(), array_.rend()); }
 
     // ---- copies
     List createArrayCopy() const { return array_; }
@@ -437,7 +434,8 @@ public:
 
     // The elements that satisfy the predicate; nullopt when the list is empty
     // or the predicate missing.
-    std::optional<List> filteredArrayUsingPredicate(const std::function<bool(const T&)>& pred) const {
+    std::optional<List>
+    filteredArrayUsingPredicate(const std::function<bool(const T&)>& pred) const {
         if (array_.empty() || !pred)
             return std::nullopt;
         List out;
@@ -455,13 +453,11 @@ public:
 
     // Calls one operation (a member function pointer or any callable taking
     // T&) on every element in order.
-    template <class Op>
-    void makeObjectsPerformSelector(Op&& op) {
+    template <class Op> void makeObjectsPerformSelector(Op&& op) {
         for (const Ptr& e : array_)
             std::invoke(op, *e);
     }
-    template <class Op>
-    void lockMakeObjectsPerformSelector(Op&& op) {
+    template <class Op> void lockMakeObjectsPerformSelector(Op&& op) {
         ReadGuard g(this);
         makeObjectsPerformSelector(std::forward<Op>(op));
     }

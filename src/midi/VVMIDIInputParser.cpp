@@ -57,7 +57,8 @@ void VVMIDIInputParser::parsePacketList(std::span<const VVMIDIPacketView> packet
                 }
                 // The piece with the rate (high nibble 7) keeps the time code
                 // clock's format in step with the sender.
-                if (current->type() == VVMIDIMessage::QuarterFrame && (current->data1() >> 4) == 7) {
+                if (current->type() == VVMIDIMessage::QuarterFrame &&
+                    (current->data1() >> 4) == 7) {
                     const int rate = (current->data1() >> 1) & 3;
                     if (mtc_.smpteFormat() != rate)
                         mtc_.setSmpteFormat(rate);

@@ -13,7 +13,9 @@ constexpr const char* kSysexInitName = "-[VVMIDIMessage initWithSysexArray:times
 
 // The readable texts print their "%hhd" fields as signed bytes: an unset 0xFF
 // byte reads -1, which is how an operator spots a missing value in a log.
-signed char signedByte(uint8_t v) { return static_cast<signed char>(v); }
+signed char signedByte(uint8_t v) {
+    return static_cast<signed char>(v);
+}
 
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 std::string format(const char* fmt, ...) {
@@ -71,8 +73,7 @@ VVMIDIMessagePtr VVMIDIMessage::createFromVals(uint8_t type, uint8_t channel, ui
 }
 
 VVMIDIMessagePtr VVMIDIMessage::createFromVals(uint8_t type, uint8_t channel, uint8_t data1,
-                                               uint8_t data2, uint8_t data3,
-                                               uint64_t timestamp) {
+                                               uint8_t data2, uint8_t data3, uint64_t timestamp) {
     return std::make_shared<VVMIDIMessage>(type, channel, data1, data2, data3, timestamp);
 }
 
@@ -144,8 +145,8 @@ std::string VVMIDIMessage::lengthyDescription() const {
         return format("NoteOn, ch.%hhd, note.%hhd, val.%hhd, time.%llu", signedByte(channel_),
                       signedByte(data1_), signedByte(data2_), t);
     case AfterTouch:
-        return format("AfterTouch, ch.%hhd, note.%hhd, val.%hhd, time.%llu",
-                      signedByte(channel_), signedByte(data1_), signedByte(data2_), t);
+        return format("AfterTouch, ch.%hhd, note.%hhd, val.%hhd, time.%llu", signedByte(channel_),
+                      signedByte(data1_), signedByte(data2_), t);
     case ControlChange:
         return format("Ctrl, ch.%hhd, ctrl.%hhd, val.%hhd, time.%llu", signedByte(channel_),
                       signedByte(data1_), signedByte(data2_), t);
@@ -156,8 +157,8 @@ std::string VVMIDIMessage::lengthyDescription() const {
         return format("ChannelPressure, ch.%hhd, val.%hhd, time.%llu", signedByte(channel_),
                       signedByte(data1_), t);
     case PitchWheel:
-        return format("PitchWheel, ch.%hhd, val.%d, time.%llu", signedByte(channel_),
-                      fourteenBit, t);
+        return format("PitchWheel, ch.%hhd, val.%d, time.%llu", signedByte(channel_), fourteenBit,
+                      t);
     case Sysex:
         // The byte list can be long: build it without the fixed-size buffer.
         return "Sysex: " + listText(sysex_) + ", time." +

@@ -54,13 +54,14 @@ public:
     };
 
     // ---- initialisers (non-exclusive forms; every one ends in the six-value form)
-    VVMIDIMessage(uint8_t type, uint8_t channel);                      // initWithType:channel:
-    VVMIDIMessage(uint8_t type, uint8_t channel, uint64_t timestamp);  // initWithType:channel:timestamp:
+    VVMIDIMessage(uint8_t type, uint8_t channel); // initWithType:channel:
+    VVMIDIMessage(uint8_t type, uint8_t channel,
+                  uint64_t timestamp); // initWithType:channel:timestamp:
     VVMIDIMessage(uint8_t type, uint8_t channel, uint8_t data1, uint8_t data2); // initFromVals::::
     VVMIDIMessage(uint8_t type, uint8_t channel, uint8_t data1, uint8_t data2,
-                  uint8_t data3);                                      // initFromVals:::::
+                  uint8_t data3); // initFromVals:::::
     VVMIDIMessage(uint8_t type, uint8_t channel, uint8_t data1, uint8_t data2, uint8_t data3,
-                  uint64_t timestamp);                                 // initFromVals::::::
+                  uint64_t timestamp); // initFromVals::::::
 
     // ---- factories: a new shared message, same arguments as the initialisers
     static VVMIDIMessagePtr createWithTypeChannel(uint8_t type, uint8_t channel);

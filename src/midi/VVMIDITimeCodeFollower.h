@@ -59,12 +59,12 @@ private:
 
     mutable std::mutex mutex_;
     int format_ = 3;
-    bool running_ = false;     // start()ed and not stop()ped, or locked by quarter frames
-    bool moving_ = false;      // quarter frames are flowing: extrapolate from the anchor
-    bool locked_ = false;      // the position is valid for quarter-frame steps
-    double position_ = 0.0;    // SMPTE seconds at anchorHost_
-    uint64_t anchorHost_ = 0;  // host time of the last quarter frame or locate
-    int lastPiece_ = -1;       // the piece last received, for run detection
-    uint8_t runMask_ = 0;      // pieces received in order since piece 0
-    uint8_t nibbles_[8] = {};  // the pieces' values
+    bool running_ = false;    // start()ed and not stop()ped, or locked by quarter frames
+    bool moving_ = false;     // quarter frames are flowing: extrapolate from the anchor
+    bool locked_ = false;     // the position is valid for quarter-frame steps
+    double position_ = 0.0;   // SMPTE seconds at anchorHost_
+    uint64_t anchorHost_ = 0; // host time of the last quarter frame or locate
+    int lastPiece_ = -1;      // the piece last received, for run detection
+    uint8_t runMask_ = 0;     // pieces received in order since piece 0
+    uint8_t nibbles_[8] = {}; // the pieces' values
 };

@@ -5,13 +5,15 @@
 // Text of up to kInlineLength characters is kept inside the address, so
 // making a message, encoding it and decoding one allocate nothing for the
 // address. addressView() reads it without any allocation and is the one to
-// use on hot paths (matching, dispatch). address() gives a std::string made
-// on first use and kept: like everything about a packet, it is not to be
-// called on one address from two threads at once.
+// use on hot paths (matching, dispatch). address() gives a std::string, made
+// on first use (once, also when several threads ask at the same time) and
+// kept.
 
 #include "osc/BBOSCDataUtilities.h"
 
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,8 +23,32 @@ public:
     static constexpr size_t kInlineLength = 40;
 
     BBOSCAddress() = default;
+    BBOSCAddress(const BBOSCAddress& other) { assign(other.addressView()); }
+    BBOSCAddress& operator=(const BBOSCAddress& other) {
+        if (this != &other)
+            *this = BBOSCAddress(other.addressView());
+        return *this;
+    }
+    BBOSCAddress& operator=(BBOSCAddress&& other) noexcept {
+        // The once-flag of a used address cannot be reset: take the text
+        // into a fresh object's state by hand.
+        if (this != &other) {
+            std::destroy_at(this);
+            std::construct_at(this, std::move(other));
+        }
+        return *this;
+    }
+    BBOSCAddress(BBOSCAddress&& other) noexcept
+        : string_(other.inline_ ? std::string() : std::move(other.string_)), inline_(other.inline_),
+          length_(other.length_) {
+        // The whole buffer in one fixed-size copy: cheaper than a copy of
+        // the exact length, and the bytes past length_ are never read.
+        if (inline_)
+            std::memcpy(text_, other.text_, kInlineLength);
+    }
     explicit BBOSCAddress(std::string&& address) { assign(address); }
     explicit BBOSCAddress(std::string_view address) { assign(address); }
+    // A null pointer gives the empty address.
     explicit BBOSCAddress(const char* address) { assign(address ? address : ""); }
 
     static BBOSCAddress addressWithString(std::string_view address) {
@@ -35,10 +61,8 @@ public:
         return inline_ ? std::string_view(text_, length_) : std::string_view(string_);
     }
     const std::string& address() const {
-        if (inline_) {
-            string_.assign(text_, length_);
-            inline_ = false;
-        }
+        if (inline_)
+            std::call_once(stringMade_, [this] { string_.assign(text_, length_); });
         return string_;
     }
 
@@ -47,7 +71,9 @@ public:
     size_t packetizedSize() const;
     void appendPacketizedData(BBOSCBytes& out) const;
 
-    bool operator==(const BBOSCAddress& other) const { return addressView() == other.addressView(); }
+    bool operator==(const BBOSCAddress& other) const {
+        return addressView() == other.addressView();
+    }
 
 private:
     void assign(std::string_view address) {
@@ -62,10 +88,12 @@ private:
         }
     }
 
-    // The text is in text_ while inline_ is set, else in string_ (which
-    // address() fills on first use).
+    // The text is in text_ when inline_ is set (and string_ is filled from it
+    // the first time address() is asked), else in string_. Fixed after
+    // construction but for that one fill, which stringMade_ guards.
     mutable std::string string_;
-    mutable bool inline_ = true;
+    mutable std::once_flag stringMade_;
+    bool inline_ = true;
     uint32_t length_ = 0;
-    char text_[kInlineLength];
+    char text_[kInlineLength] = {};
 };

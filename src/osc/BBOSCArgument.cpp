@@ -25,12 +25,6 @@ BBOSCArgument::BBOSCArgument(const BBOSCArgument& other) : type_(other.type_), s
     }
 }
 
-BBOSCArgument::BBOSCArgument(BBOSCArgument&& other) noexcept : type_(other.type_), size_(other.size_) {
-    // Copies the inline bytes or takes the heap block, whichever is there.
-    std::memcpy(inline_, other.inline_, kInlineSize);
-    other.size_ = 0;
-}
-
 BBOSCArgument& BBOSCArgument::operator=(const BBOSCArgument& other) {
     if (this != &other) {
         uint8_t* to = resize(other.size_);
@@ -40,32 +34,9 @@ BBOSCArgument& BBOSCArgument::operator=(const BBOSCArgument& other) {
     return *this;
 }
 
-BBOSCArgument& BBOSCArgument::operator=(BBOSCArgument&& other) noexcept {
-    if (this != &other) {
-        release();
-        type_ = other.type_;
-        size_ = other.size_;
-        std::memcpy(inline_, other.inline_, kInlineSize);
-        other.size_ = 0;
-    }
-    return *this;
-}
-
 bool BBOSCArgument::operator==(const BBOSCArgument& other) const {
     return type_ == other.type_ && size_ == other.size_ &&
            std::memcmp(bytes(), other.bytes(), size_) == 0;
-}
-
-BBOSCArgument BBOSCArgument::argumentWithInt(int32_t value) {
-    BBOSCArgument a;
-    a.setIntValue(value);
-    return a;
-}
-
-BBOSCArgument BBOSCArgument::argumentWithFloat(float value) {
-    BBOSCArgument a;
-    a.setFloatValue(value);
-    return a;
 }
 
 BBOSCArgument BBOSCArgument::argumentWithString(std::string_view value) {
@@ -84,16 +55,6 @@ BBOSCArgument BBOSCArgument::argumentWithTypeAndData(char type, std::span<const 
     BBOSCArgument a;
     a.assignFromWire(type, data.data(), static_cast<uint32_t>(data.size()), data.size());
     return a;
-}
-
-void BBOSCArgument::setIntValue(int32_t value) {
-    type_ = 'i';
-    writeBigEndian(resize(4), static_cast<uint32_t>(value));
-}
-
-void BBOSCArgument::setFloatValue(float value) {
-    type_ = 'f';
-    writeBigEndian(resize(4), std::bit_cast<uint32_t>(value));
 }
 
 void BBOSCArgument::setStringValue(std::string_view value) {

@@ -11,6 +11,7 @@
 
 #include "osc/BBOSCDataUtilities.h"
 
+#include <bit>
 #include <span>
 #include <string>
 #include <string_view>
@@ -21,16 +22,38 @@ public:
     // or empty.
     BBOSCArgument() = default;
     BBOSCArgument(const BBOSCArgument& other);
-    BBOSCArgument(BBOSCArgument&& other) noexcept;
+    // Moving copies the inline bytes or takes the heap block, whichever is
+    // there.
+    BBOSCArgument(BBOSCArgument&& other) noexcept : type_(other.type_), size_(other.size_) {
+        __builtin_memcpy(inline_, other.inline_, kInlineSize);
+        other.size_ = 0;
+    }
     BBOSCArgument& operator=(const BBOSCArgument& other);
-    BBOSCArgument& operator=(BBOSCArgument&& other) noexcept;
+    BBOSCArgument& operator=(BBOSCArgument&& other) noexcept {
+        if (this != &other) {
+            release();
+            type_ = other.type_;
+            size_ = other.size_;
+            __builtin_memcpy(inline_, other.inline_, kInlineSize);
+            other.size_ = 0;
+        }
+        return *this;
+    }
     ~BBOSCArgument() {
         if (!isInline())
             delete[] heap_;
     }
 
-    static BBOSCArgument argumentWithInt(int32_t value);
-    static BBOSCArgument argumentWithFloat(float value);
+    static BBOSCArgument argumentWithInt(int32_t value) {
+        BBOSCArgument a;
+        a.setIntValue(value);
+        return a;
+    }
+    static BBOSCArgument argumentWithFloat(float value) {
+        BBOSCArgument a;
+        a.setFloatValue(value);
+        return a;
+    }
     // A string with a byte above 0x7F becomes the empty string.
     static BBOSCArgument argumentWithString(std::string_view value);
     static BBOSCArgument argumentWithDataBlob(std::span<const uint8_t> blob);
@@ -38,8 +61,14 @@ public:
     static BBOSCArgument argumentWithTypeAndData(char type, std::span<const uint8_t> data);
 
     // Each setter sets the tag and replaces the bytes.
-    void setIntValue(int32_t value);
-    void setFloatValue(float value);
+    void setIntValue(int32_t value) {
+        type_ = 'i';
+        setWord(static_cast<uint32_t>(value));
+    }
+    void setFloatValue(float value) {
+        type_ = 'f';
+        setWord(std::bit_cast<uint32_t>(value));
+    }
     void setStringValue(std::string_view value);
     void setDataBlobValue(std::span<const uint8_t> blob);
 
@@ -81,16 +110,26 @@ private:
         heap_ = new uint8_t[size];
         return heap_;
     }
+    // Kept inline so that a freshly made int or float argument can be built
+    // straight where it is attached, with no temporary in between.
+    void setWord(uint32_t value) {
+        release();
+        size_ = 4;
+        __builtin_memset(inline_, 0, kInlineSize);
+        const uint8_t bytes[4] = {uint8_t(value >> 24), uint8_t(value >> 16), uint8_t(value >> 8),
+                                  uint8_t(value)};
+        __builtin_memcpy(inline_, bytes, 4);
+    }
     void release() {
         if (!isInline())
             delete[] heap_;
         size_ = 0;
     }
-    // The decoder's copy from a datagram; `readable` is how many bytes may
+    // The decoder's copies from a datagram. `readable` is how many bytes may
     // be read from `data` (at least `size`), which lets short data be copied
-    // as one fixed-size block. Bytes past `size` are never looked at.
+    // as one fixed-size block; bytes past `size` are never looked at. The
+    // constructor form builds the argument in place, with no clearing first.
     struct Wire {};
-    // Same copy, made while constructing (no clearing first).
     BBOSCArgument(Wire, char type, const uint8_t* data, uint32_t size, size_t readable)
         : type_(type), size_(size), heap_(nullptr) {
         if (size <= kInlineSize && readable >= kInlineSize) {

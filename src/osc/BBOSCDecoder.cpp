@@ -191,16 +191,39 @@ std::unique_ptr<BBOSCMessage> BBOSCDecoder::decodeRawMessage(std::span<const uin
         case 'f':
             if (offset > length || length - offset < 4)
                 return nullptr;
-            new (&arguments[i]) BBOSCArgument(BBOSCArgument::Wire{}, tag, d + offset, 4, length - offset);
+            new (&arguments[i])
+                BBOSCArgument(BBOSCArgument::Wire{}, tag, d + offset, 4, length - offset);
             offset += 4;
             break;
         case 's': {
             PaddedString text;
             if (!readPaddedString(data, offset, text))
                 return nullptr;
-            new (&arguments[i]) BBOSCArgument(BBOSCArgument::Wire{}, 's', d + offset,
-                                              static_cast<uint32_t>(text.next - offset), length - offset);
+            new (&arguments[i])
+                BBOSCArgument(BBOSCArgument::Wire{}, 's', d + offset,
+                              static_cast<uint32_t>(text.next - offset), length - offset);
             offset = text.next;
+            break;
+        }
+        case 'b': {
+            size_t blobSize = 0, at = 0;
+            if (!readBlob(data, offset, blobSize, at))
+                return nullptr;
+            const size_t end = at + BBOSCDataUtilities::paddedLength(blobSize);
+            // With its zero padding present the blob is kept as it came, in
+            // one copy; otherwise it is padded anew.
+            bool padded = end <= length;
+            for (size_t k = at + blobSize; padded && k < end; ++k)
+                padded = d[k] == 0;
+            if (padded) {
+                new (&arguments[i])
+                    BBOSCArgument(BBOSCArgument::Wire{}, 'b', d + offset,
+                                  static_cast<uint32_t>(end - offset), length - offset);
+            } else {
+                new (&arguments[i]) BBOSCArgument();
+                arguments[i].setDataBlobValue(data.subspan(at, blobSize));
+            }
+            offset = end;
             break;
         }
         default: {

@@ -3,6 +3,7 @@
 #include "osc/BBOSCDispatcher.h"
 #include "platform/Log.h"
 #include "platform/MainThread.h"
+#include "platform/ThreadName.h"
 
 #include <arpa/inet.h>
 #include <atomic>
@@ -12,7 +13,6 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -143,10 +143,29 @@ void BBOSCListener::stopListening() {
     portNumber_ = 0;
 }
 
+// Copies one datagram and queues its delivery. The copy is the only one
+// made: it travels in the queued call and reaches the delegate as it is.
+void BBOSCListener::queueDatagramForMainThread(const std::shared_ptr<Shared>& shared,
+                                               const uint8_t* data, size_t size) {
+    std::vector<uint8_t> bytes(data, data + size);
+    ts::enqueueOnMainThread([shared, bytes = std::move(bytes)] {
+        shared->pending.fetch_sub(1);
+        if (shared->discarded.load())
+            return;
+        std::shared_ptr<BBOSCListenerDelegate> delegate;
+        {
+            std::lock_guard lock(shared->delegateLock);
+            delegate = shared->delegate;
+        }
+        if (delegate)
+            delegate->dispatchRawPacket(bytes);
+    });
+}
+
 // Runs on the receive thread. Touches only the descriptors and the port
 // (fixed until the join in stopListening) and the shared state.
 void BBOSCListener::listenThread() {
-    pthread_setname_np(pthread_self(), "OSCListener");
+    ts::setCurrentThreadName("OSCListener");
     const int sock = socketDescriptor_;
     const int wake = wakeDescriptor_;
     const int port = portNumber_;
@@ -217,19 +236,7 @@ void BBOSCListener::listenThread() {
                 size_t seen = shared->maximumPending.load(std::memory_order_relaxed);
                 while (now > seen && !shared->maximumPending.compare_exchange_weak(seen, now)) {
                 }
-                std::vector<uint8_t> bytes(buffer.begin(), buffer.begin() + n);
-                ts::enqueueOnMainThread([shared, bytes = std::move(bytes)] {
-                    shared->pending.fetch_sub(1);
-                    if (shared->discarded.load())
-                        return;
-                    std::shared_ptr<BBOSCListenerDelegate> delegate;
-                    {
-                        std::lock_guard lock(shared->delegateLock);
-                        delegate = shared->delegate;
-                    }
-                    if (delegate)
-                        delegate->dispatchRawPacket(bytes);
-                });
+                queueDatagramForMainThread(shared, buffer.data(), static_cast<size_t>(n));
             }
         }
     } catch (const std::exception& e) {

@@ -64,6 +64,8 @@ public:
 private:
     struct Shared; // state shared with the receive thread and queued calls
     void listenThread();
+    static void queueDatagramForMainThread(const std::shared_ptr<Shared>& shared,
+                                           const uint8_t* data, size_t size);
 
     std::shared_ptr<Shared> shared_;
     int32_t socketDescriptor_ = -1;

@@ -45,7 +45,7 @@ void* BBOSCMessage::operator new(size_t size) {
     return ::operator new(size);
 }
 
-void BBOSCMessage::operator delete(void* block, size_t size) noexcept {
+void BBOSCMessage::operator delete(void* block, [[maybe_unused]] size_t size) noexcept {
 #if TS_OSC_RECYCLE_MESSAGES
     MessageBlockCache& cache = messageBlocks;
     if (size == sizeof(BBOSCMessage) && cache.count < MessageBlockCache::kCapacity) {
@@ -53,10 +53,11 @@ void BBOSCMessage::operator delete(void* block, size_t size) noexcept {
         return;
     }
 #endif
-    ::operator delete(block, size);
+    ::operator delete(block);
 }
 
-BBOSCMessage::BBOSCMessage(const BBOSCMessage& other) : BBOSCPacket(other), address_(other.address_) {
+BBOSCMessage::BBOSCMessage(const BBOSCMessage& other)
+    : BBOSCPacket(other), address_(other.address_) {
     reserveArguments(other.count_);
     for (const BBOSCArgument& a : other.attachedObjects())
         appendArgument() = a;
@@ -97,12 +98,10 @@ void BBOSCMessage::growArguments(size_t count) {
     capacity_ = static_cast<uint32_t>(count);
 }
 
-void BBOSCMessage::attachArgument(BBOSCArgument argument) { appendArgument() = std::move(argument); }
-
 void BBOSCMessage::attachArguments(std::vector<BBOSCArgument> arguments) {
     reserveArguments(count_ + arguments.size());
     for (BBOSCArgument& a : arguments)
-        appendArgument() = std::move(a);
+        attachArgument(std::move(a));
 }
 
 std::string BBOSCMessage::typeTagString() const {
@@ -137,18 +136,27 @@ size_t BBOSCMessage::packetizedSize() const {
 }
 
 void BBOSCMessage::appendPacketizedData(BBOSCBytes& out) const {
-    // Everything is written into one zero-filled stretch, so padding needs
-    // no separate step.
     const size_t start = out.size();
     const bool asciiTags = hasASCIITags();
     const std::string_view address = address_.addressView();
     const bool asciiAddress = BBOSCDataUtilities::isASCII(address);
     const size_t addressSize = asciiAddress ? BBOSCDataUtilities::paddedLength(address.size()) : 4;
     const size_t tagsSize = asciiTags ? BBOSCDataUtilities::paddedLength(count_ + 1) : 4;
-    size_t size = addressSize + tagsSize;
-    for (uint32_t i = 0; i < count_; ++i)
-        size += arguments_[i].data().size();
-    out.resize(start + size);
+    size_t argumentsSize = 0;
+    size_t largest = 0;
+    for (uint32_t i = 0; i < count_; ++i) {
+        const size_t n = arguments_[i].data().size();
+        argumentsSize += n;
+        largest = std::max(largest, n);
+    }
+    // Short arguments are copied into a zero-filled stretch with the rest
+    // (the zeros are the padding of the address and the tags); long ones
+    // (blobs) are appended so that their bytes are written once, not zeroed
+    // first.
+    constexpr size_t kLong = 64;
+    const size_t headerSize = addressSize + tagsSize;
+    out.reserve(start + headerSize + argumentsSize);
+    out.resize(start + headerSize + (largest <= kLong ? argumentsSize : 0));
     uint8_t* p = out.data() + start;
     if (asciiAddress && !address.empty())
         std::memcpy(p, address.data(), address.size());
@@ -161,11 +169,15 @@ void BBOSCMessage::appendPacketizedData(BBOSCBytes& out) const {
     p += tagsSize;
     for (uint32_t i = 0; i < count_; ++i) {
         const auto bytes = arguments_[i].data();
-        if (bytes.size() == 4)
+        if (largest > kLong) {
+            out.insert(out.end(), bytes.begin(), bytes.end());
+        } else if (bytes.size() == 4) {
             std::memcpy(p, bytes.data(), 4);
-        else if (!bytes.empty())
+            p += 4;
+        } else if (!bytes.empty()) {
             std::memcpy(p, bytes.data(), bytes.size());
-        p += bytes.size();
+            p += bytes.size();
+        }
     }
 }
 

@@ -40,7 +40,12 @@ public:
     const std::string& addressString() const { return address_.address(); }
     std::string_view addressView() const { return address_.addressView(); }
 
-    void attachArgument(BBOSCArgument argument);
+    void attachArgument(BBOSCArgument argument) {
+        if (count_ == capacity_)
+            growArguments(size_t(capacity_) * 2);
+        new (&arguments_[count_]) BBOSCArgument(std::move(argument));
+        ++count_;
+    }
     void attachArguments(std::vector<BBOSCArgument> arguments);
     void attachObject(BBOSCArgument argument) { attachArgument(std::move(argument)); }
     void attachObjects(std::vector<BBOSCArgument> arguments) {

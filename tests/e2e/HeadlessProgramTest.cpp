@@ -276,6 +276,28 @@ TEST_F(Headless, DamagedSettingsStartWithDefaults) {
     EXPECT_FALSE(QDir(program.configDir()).entryList({"Tessarine.json.bad-*"}).isEmpty());
 }
 
+TEST(HeadlessOptions, WithoutADisplayItRunsHeadless) {
+    const QString home = QString::fromStdString(ts::test::makeTempDir("tessarine-nodisplay"));
+    QProcess process;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("XDG_CONFIG_HOME", home + "/config");
+    env.insert("XDG_STATE_HOME", home + "/state");
+    env.remove("DISPLAY");
+    env.remove("WAYLAND_DISPLAY");
+    process.setProcessEnvironment(env);
+    process.start(TESSARINE_BINARY, {});
+    ASSERT_TRUE(process.waitForStarted(5000));
+    // The first-start message is the first console output.
+    ASSERT_TRUE(ts::test::spinUntil([&] {
+        return process.readAllStandardOutput().contains("This is the first time you start Tessarine");
+    }));
+    process.terminate();
+    ASSERT_TRUE(process.waitForFinished(5000));
+    EXPECT_EQ(process.exitCode(), 0);
+    EXPECT_TRUE(process.readAllStandardError().contains("no display: running headless"));
+    EXPECT_TRUE(QFile::exists(home + "/config/Tessarine/Tessarine.json"));
+}
+
 TEST(HeadlessOptions, HelpAndVersion) {
     QProcess process;
     process.start(TESSARINE_BINARY, {"--version"});

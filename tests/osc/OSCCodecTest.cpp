@@ -430,3 +430,63 @@ TEST(OSCCodec, TextFormsForLogs) {
 }
 
 } // namespace
+
+namespace {
+
+// Messages around the storage limits (four arguments kept in the message,
+// 16 bytes kept in an argument, 40 characters kept in an address) copy,
+// encode and read back unchanged.
+TEST(OSCCodec, MessagesRoundTripAcrossStorageLimits) {
+    const std::vector<size_t> addressLengths = {0, 1, 3, 4, 39, 40, 41, 100};
+    const std::vector<size_t> argumentCounts = {0, 1, 4, 5, 9};
+    for (size_t addressLength : addressLengths) {
+        for (size_t count : argumentCounts) {
+            std::string address = "/" + std::string(addressLength ? addressLength - 1 : 0, 'a');
+            if (addressLength == 0)
+                address.clear();
+            BBOSCMessage built{BBOSCAddress::addressWithString(address)};
+            for (size_t i = 0; i < count; ++i) {
+                switch (i % 4) {
+                case 0:
+                    built.attachArgument(BBOSCArgument::argumentWithInt(static_cast<int32_t>(i)));
+                    break;
+                case 1:
+                    built.attachArgument(BBOSCArgument::argumentWithString(std::string(i * 3, 'x')));
+                    break;
+                case 2:
+                    built.attachArgument(BBOSCArgument::argumentWithDataBlob(Bytes(i * 5, uint8_t(i))));
+                    break;
+                default:
+                    built.attachArgument(BBOSCArgument::argumentWithFloat(0.25f * float(i)));
+                }
+            }
+            const std::string what = "address of " + std::to_string(addressLength) + ", " +
+                                     std::to_string(count) + " arguments";
+            BBOSCMessage copy = built;
+            BBOSCMessage assigned{BBOSCAddress::addressWithString("/other")};
+            assigned.attachArgument(BBOSCArgument::argumentWithString(std::string(30, 'q')));
+            assigned = copy;
+            const Bytes bytes = built.packetizedData();
+            EXPECT_EQ(bytes.size(), built.packetizedSize()) << what;
+            EXPECT_EQ(copy.packetizedData(), bytes) << what;
+            EXPECT_EQ(assigned.packetizedData(), bytes) << what;
+            EXPECT_EQ(copy.addressString(), address) << what;
+            const auto decoded = BBOSCDecoder::decodeData(bytes);
+            ASSERT_NE(decoded, nullptr) << what;
+            EXPECT_TRUE(decoded->isEqualToPacket(built)) << what;
+            EXPECT_EQ(decoded->asMessage()->addressView(), address) << what;
+            EXPECT_EQ(decoded->asMessage()->argumentCount(), count) << what;
+            EXPECT_EQ(decoded->packetizedData(), bytes) << what;
+        }
+    }
+    // Arguments moved out are left empty; moved and copied long data stays intact.
+    BBOSCArgument longString = BBOSCArgument::argumentWithString(std::string(20, 'z'));
+    BBOSCArgument copied = longString;
+    BBOSCArgument moved = std::move(longString);
+    EXPECT_EQ(moved, copied);
+    EXPECT_EQ(moved.stringValue(), std::string(20, 'z'));
+    copied = BBOSCArgument::argumentWithInt(3);
+    EXPECT_EQ(copied.intValue(), 3);
+}
+
+} // namespace

@@ -17,8 +17,8 @@ inline std::string hexByte(int v) {
 }
 
 inline std::string text(const VVMIDIMessage& m) {
-    std::string s = hexByte(m.type()) + "/" + std::to_string(m.channel()) + " " + hexByte(m.data1()) +
-                    " " + hexByte(m.data2()) + " " + hexByte(m.data3());
+    std::string s = hexByte(m.type()) + "/" + std::to_string(m.channel()) + " " +
+                    hexByte(m.data1()) + " " + hexByte(m.data2()) + " " + hexByte(m.data3());
     if (!m.sysexArray().empty()) {
         s += " [";
         for (size_t i = 0; i < m.sysexArray().size(); ++i)

@@ -43,7 +43,7 @@ TEST(MutLockArrayConcurrency, ReadersSeeOnlyWholeListsWhileAWriterRebuilds) {
     });
 
     auto reader = [&] {
-        while (!stop) {
+        do { // at least once, however soon the writer is done
             list.rdlock();
             const auto& a = list.array();
             if (!a.empty() && static_cast<int>(a.size()) == kListSize) {
@@ -60,7 +60,7 @@ TEST(MutLockArrayConcurrency, ReadersSeeOnlyWholeListsWhileAWriterRebuilds) {
                 list.unlock();
             }
             ++walks;
-        }
+        } while (!stop);
     };
     std::thread r1(reader), r2(reader);
     writer.join();

@@ -16,7 +16,9 @@ struct Item {
 using Array = MutLockArray<Item>;
 using P = std::shared_ptr<Item>;
 
-P item(int v) { return std::make_shared<Item>(Item{v}); }
+P item(int v) {
+    return std::make_shared<Item>(Item{v});
+}
 
 std::string values(Array& a) {
     std::string s;
@@ -110,8 +112,8 @@ TEST(MutLockArray, RemovingIdenticalPointersTakesOneOccurrencePerFind) {
         const char* after;
     };
     for (const Case& c : {Case{"once", {a1}, "21"}, Case{"listed twice", {a1, a1}, "21"},
-                          Case{"equal but distinct", {item(1)}, "121"}, Case{"two objects", {b, a1}, "1"},
-                          Case{"empty", {}, "121"}}) {
+                          Case{"equal but distinct", {item(1)}, "121"},
+                          Case{"two objects", {b, a1}, "1"}, Case{"empty", {}, "121"}}) {
         Array a;
         a.lockAddObject(a1);
         a.lockAddObject(b);
@@ -157,8 +159,9 @@ TEST(MutLockArray, ReplaceAtIndexesNeedsOneObjectPerValidIndex) {
         std::vector<int> objects;
         const char* after;
     };
-    for (const Case& c : {Case{{0, 2}, {8, 9}, "829"}, Case{{1}, {7}, "173"}, Case{{0, 3}, {8, 9}, "123"},
-                          Case{{0, 1}, {8}, "123"}, Case{{}, {}, "123"}}) {
+    for (const Case& c :
+         {Case{{0, 2}, {8, 9}, "829"}, Case{{1}, {7}, "173"}, Case{{0, 3}, {8, 9}, "123"},
+          Case{{0, 1}, {8}, "123"}, Case{{}, {}, "123"}}) {
         Array a;
         fill(a, {1, 2, 3});
         Array::List objs;
@@ -185,8 +188,9 @@ TEST(MutLockArray, FilteringValuesSortingAndPerformingOnElements) {
 
     a.lockSortUsingSelector([](const Item& x, const Item& y) { return x.value < y.value; });
     EXPECT_EQ(values(a), "1235");
-    a.lockSortUsingDescriptors({{[](const Item& x, const Item& y) { return (x.value % 2) - (y.value % 2); }, true},
-                                {[](const Item& x, const Item& y) { return x.value - y.value; }, false}});
+    a.lockSortUsingDescriptors(
+        {{[](const Item& x, const Item& y) { return (x.value % 2) - (y.value % 2); }, true},
+         {[](const Item& x, const Item& y) { return x.value - y.value; }, false}});
     EXPECT_EQ(values(a), "2531");
 
     a.lockMakeObjectsPerformSelector(&Item::hit);

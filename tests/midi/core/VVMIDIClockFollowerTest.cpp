@@ -11,10 +11,10 @@ constexpr uint64_t kMs = 1'000'000ull;
 
 // The eight quarter-frame pieces of hh:mm:ss:ff at a rate code.
 std::vector<uint8_t> pieces(int h, int m, int s, int f, int rate) {
-    return {uint8_t(0x00 | (f & 0xF)),        uint8_t(0x10 | (f >> 4)),
-            uint8_t(0x20 | (s & 0xF)),        uint8_t(0x30 | (s >> 4)),
-            uint8_t(0x40 | (m & 0xF)),        uint8_t(0x50 | (m >> 4)),
-            uint8_t(0x60 | (h & 0xF)),        uint8_t(0x70 | (h >> 4) | (rate << 1))};
+    return {uint8_t(0x00 | (f & 0xF)), uint8_t(0x10 | (f >> 4)),
+            uint8_t(0x20 | (s & 0xF)), uint8_t(0x30 | (s >> 4)),
+            uint8_t(0x40 | (m & 0xF)), uint8_t(0x50 | (m >> 4)),
+            uint8_t(0x60 | (h & 0xF)), uint8_t(0x70 | (h >> 4) | (rate << 1))};
 }
 
 TEST(MidiTimeCode, RunOfEightLocksStepsByQuarterFramesAndFreewheels) {

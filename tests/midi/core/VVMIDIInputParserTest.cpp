@@ -1,8 +1,8 @@
 // The input parser against byte lists: each case is a sequence of input
 // callbacks (each one packet list of packets) and what each call delivers.
 
-#include "MidiTestFormat.h"
 #include "midi/VVMIDIInputParser.h"
+#include "MidiTestFormat.h"
 #include "platform/Log.h"
 
 #include <gtest/gtest.h>
@@ -51,7 +51,9 @@ TEST(MidiParser, ChannelMessagesOnePerStatusByteWithoutRunningStatus) {
         {"pitch wheel", {{{0xE2, 0x00, 0x40}}}, {"E0/2 00 40 FF"}},
         {"status split across packets", {{{0x90}, {0x3C}, {0x40}}}, {"90/0 3C 40 FF"}},
         {"data of the next call is dropped", {{{0x90, 0x3C}}, {{0x40}}}, {"90/0 3C FF FF", ""}},
-        {"several notes", {{{0x90, 1, 2, 0x91, 3, 4}, {0x82, 5, 6}}}, {"90/0 01 02 FF; 90/1 03 04 FF; 80/2 05 06 FF"}},
+        {"several notes",
+         {{{0x90, 1, 2, 0x91, 3, 4}, {0x82, 5, 6}}},
+         {"90/0 01 02 FF; 90/1 03 04 FF; 80/2 05 06 FF"}},
     });
 }
 
@@ -61,8 +63,12 @@ TEST(MidiParser, ControlChangeIsDeliveredWhenItsValueArrives) {
         {"value 0", {{{0xB0, 0x07, 0x00}}}, {"B0/0 07 00 FF"}},
         {"no value, no message", {{{0xB1, 0x07}}}, {""}},
         {"value in the next call is lost", {{{0xB1, 0x07}}, {{0x64}}}, {"", ""}},
-        {"before a note", {{{0xB0, 0x07, 0x64, 0x90, 0x3C, 0x40}}}, {"B0/0 07 64 FF; 90/0 3C 40 FF"}},
-        {"after a note", {{{0x90, 0x3C, 0x40, 0xB0, 0x07, 0x64}}}, {"90/0 3C 40 FF; B0/0 07 64 FF"}},
+        {"before a note",
+         {{{0xB0, 0x07, 0x64, 0x90, 0x3C, 0x40}}},
+         {"B0/0 07 64 FF; 90/0 3C 40 FF"}},
+        {"after a note",
+         {{{0x90, 0x3C, 0x40, 0xB0, 0x07, 0x64}}},
+         {"90/0 3C 40 FF; B0/0 07 64 FF"}},
         {"overtaken by a note", {{{0xB0, 0x07, 0x90, 0x3C, 0x40}}}, {"90/0 3C 40 FF"}},
         {"takes its place at the value", {{{0xB0, 0x07, 0xF8, 0x64}}}, {"F8/0 FF 64 FF"}},
     });
@@ -75,12 +81,16 @@ TEST(MidiParser, SystemCommonAndRealTimeBytes) {
         {"song select", {{{0xF3, 0x05}}}, {"F3/0 05 FF FF"}},
         {"undefined common carries data", {{{0xF4, 0x01}}}, {"F4/0 01 FF FF"}},
         {"tune request", {{{0xF6}}}, {"F6/0 FF FF FF"}},
-        {"every real-time byte", {{{0xF8, 0xF9, 0xFA, 0xFB, 0xFC, 0xFD, 0xFE, 0xFF}}},
+        {"every real-time byte",
+         {{{0xF8, 0xF9, 0xFA, 0xFB, 0xFC, 0xFD, 0xFE, 0xFF}}},
          {"F8/0 FF FF FF; F9/0 FF FF FF; FA/0 FF FF FF; FB/0 FF FF FF; FC/0 FF FF FF; "
           "FD/0 FF FF FF; FE/0 FF FF FF; FF/0 FF FF FF"}},
-        {"clock takes the data of the note it interrupts", {{{0x90, 0xF8, 0x3C, 0x40}}},
+        {"clock takes the data of the note it interrupts",
+         {{{0x90, 0xF8, 0x3C, 0x40}}},
          {"90/0 FF FF FF; F8/0 3C 40 FF"}},
-        {"clock between data bytes", {{{0x90, 0x3C, 0xF8, 0x40}}}, {"90/0 3C FF FF; F8/0 FF 40 FF"}},
+        {"clock between data bytes",
+         {{{0x90, 0x3C, 0xF8, 0x40}}},
+         {"90/0 3C FF FF; F8/0 FF 40 FF"}},
         {"data after a lone clock is dropped", {{{0xF8, 0x3C}}}, {"F8/0 FF FF FF"}},
         {"end of exclusive alone is not a message", {{{0xF7}}}, {""}},
     });
@@ -89,17 +99,24 @@ TEST(MidiParser, SystemCommonAndRealTimeBytes) {
 TEST(MidiParser, SystemExclusiveIsGatheredAcrossCallsAndInterleaved) {
     runTable({
         {"whole", {{{0xF0, 0x7E, 0x7F, 0x06, 0x01, 0xF7}}}, {"F0/255 FF FF FF [7E 7F 06 01]"}},
-        {"across calls", {{{0xF0, 0x01, 0x02}}, {{0x03, 0xF7}}}, {"", "F0/255 FF FF FF [01 02 03]"}},
+        {"across calls",
+         {{{0xF0, 0x01, 0x02}}, {{0x03, 0xF7}}},
+         {"", "F0/255 FF FF FF [01 02 03]"}},
         {"across packets", {{{0xF0, 0x01}, {0x02}, {0xF7}}}, {"F0/255 FF FF FF [01 02]"}},
-        {"real time inside", {{{0xF0, 0x01, 0xF8, 0x02, 0xF7}}}, {"F8/0 FF FF FF; F0/255 FF FF FF [01 02]"}},
-        {"status inside still gathers", {{{0xF0, 0x01, 0x90, 0x02, 0xF7}}},
+        {"real time inside",
+         {{{0xF0, 0x01, 0xF8, 0x02, 0xF7}}},
+         {"F8/0 FF FF FF; F0/255 FF FF FF [01 02]"}},
+        {"status inside still gathers",
+         {{{0xF0, 0x01, 0x90, 0x02, 0xF7}}},
          {"90/0 FF FF FF; F0/255 FF FF FF [01 02]"}},
         {"a second F0 restarts", {{{0xF0, 0x01, 0xF0, 0x02, 0xF7}}}, {"F0/255 FF FF FF [02]"}},
         {"empty is refused", {{{0xF0, 0xF7}}}, {""}},
         {"data after it, no state yet", {{{0xF0, 0x01, 0xF7, 0x40}}}, {"F0/255 FF FF FF [01]"}},
-        {"inherits the interrupted state", {{{0x90, 0x3C, 0xF0, 0x01, 0xF7, 0x40}}},
+        {"inherits the interrupted state",
+         {{{0x90, 0x3C, 0xF0, 0x01, 0xF7, 0x40}}},
          {"90/0 3C FF FF; F0/255 FF 40 FF [01]"}},
-        {"a later F7 still ends it", {{{0xF0, 0x05}}, {{0x90, 0x3C, 0x40}}, {{0xF7}}},
+        {"a later F7 still ends it",
+         {{{0xF0, 0x05}}, {{0x90, 0x3C, 0x40}}, {{0xF7}}},
          {"", "90/0 FF FF FF", "F0/255 FF FF FF [05 3C 40]"}},
     });
 }
@@ -119,8 +136,8 @@ TEST(MidiParser, EndOfExclusiveWithNothingGatheredLogsTheRefusal) {
 TEST(MidiParser, GatheringIsAbandonedWhenThe129thCallBegins) {
     ts::setLogToStandardError(false);
     struct Case {
-        int fillerCalls;         // calls of one 0x02 after the F0 call
-        std::string lastCall;    // expected delivery of the call [03 F7]
+        int fillerCalls;      // calls of one 0x02 after the F0 call
+        std::string lastCall; // expected delivery of the call [03 F7]
         size_t expectedBytes;
     };
     for (const Case& c : {Case{127, "", 1 + 127 + 1}, Case{128, "", 1 + 128}}) {
@@ -160,7 +177,8 @@ TEST(MidiParser, QuarterFrameRatePieceSetsTheTimeCodeFormat) {
                           Case{0x64, 3, 3} /* not the rate piece */}) {
         VVMIDIInputParser parser;
         parser.timeCodeClock().setSmpteFormat(c.formatBefore);
-        EXPECT_EQ(runCall(parser, {{0xF1, c.piece}}), "F1/0 " + midi_test::hexByte(c.piece) + " FF FF");
+        EXPECT_EQ(runCall(parser, {{0xF1, c.piece}}),
+                  "F1/0 " + midi_test::hexByte(c.piece) + " FF FF");
         EXPECT_EQ(parser.timeCodeClock().smpteFormat(), c.formatAfter) << int(c.piece);
     }
 }

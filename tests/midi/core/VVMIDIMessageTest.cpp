@@ -1,5 +1,5 @@
-#include "MidiTestFormat.h"
 #include "midi/VVMIDIMessage.h"
+#include "MidiTestFormat.h"
 #include "platform/Log.h"
 
 #include <gtest/gtest.h>
@@ -16,13 +16,16 @@ TEST(MidiMessage, FactoriesFillTheFieldsTheyDoNotTake) {
     };
     const std::vector<Case> table = {
         {"type, channel", VVMIDIMessage::createWithTypeChannel(0x90, 3), "90/3 FF FF FF"},
-        {"type, channel, time", VVMIDIMessage::createWithTypeChannelTimestamp(0xB0, 1, 77), "B0/1 FF FF FF @77"},
+        {"type, channel, time", VVMIDIMessage::createWithTypeChannelTimestamp(0xB0, 1, 77),
+         "B0/1 FF FF FF @77"},
         {"four values", VVMIDIMessage::createFromVals(0x80, 2, 60, 0), "80/2 3C 00 FF"},
         {"five values", VVMIDIMessage::createFromVals(0xB0, 0, 7, 0x40, 0x00), "B0/0 07 40 00"},
         {"six values", VVMIDIMessage::createFromVals(0xE0, 15, 1, 2, 3, 9), "E0/15 01 02 03 @9"},
-        {"bytes kept unmasked", VVMIDIMessage::createFromVals(0x91, 20, 200, 0x80), "91/20 C8 80 FF"},
+        {"bytes kept unmasked", VVMIDIMessage::createFromVals(0x91, 20, 200, 0x80),
+         "91/20 C8 80 FF"},
         {"sysex", VVMIDIMessage::createWithSysexArray({1, 2, 0x7F}), "F0/255 FF FF FF [01 02 7F]"},
-        {"sysex with time", VVMIDIMessage::createWithSysexArrayTimestamp({5}, 123), "F0/255 FF FF FF [05] @123"},
+        {"sysex with time", VVMIDIMessage::createWithSysexArrayTimestamp({5}, 123),
+         "F0/255 FF FF FF [05] @123"},
     };
     for (const Case& c : table) {
         ASSERT_TRUE(c.msg) << c.name;
@@ -41,15 +44,16 @@ TEST(MidiMessage, RefusedSysexListsLogAndMakeNothing) {
         int valueLines;
         const char* valueText;
     };
-    for (const Case& c : {Case{{}, 0, ""}, Case{{1, 2, 0x80}, 1, "(80)"}, Case{{0x90, 0xA0}, 1, "(90)"},
-                          Case{{1, 300}, 1, "(12C)"}, Case{{-1}, 1, "(FFFFFFFF)"}}) {
+    for (const Case& c :
+         {Case{{}, 0, ""}, Case{{1, 2, 0x80}, 1, "(80)"}, Case{{0x90, 0xA0}, 1, "(90)"},
+          Case{{1, 300}, 1, "(12C)"}, Case{{-1}, 1, "(FFFFFFFF)"}}) {
         ts::LogCapture log;
         EXPECT_FALSE(VVMIDIMessage::createWithSysexArray(c.list));
         const auto lines = log.lines();
         ASSERT_EQ(lines.size(), size_t(c.valueLines + 1));
         if (c.valueLines) {
-            EXPECT_EQ(lines[0], std::string("\terr: bailing, val in passed sysex array ") + c.valueText +
-                                    " was > 0x7F");
+            EXPECT_EQ(lines[0], std::string("\terr: bailing, val in passed sysex array ") +
+                                    c.valueText + " was > 0x7F");
         }
         EXPECT_EQ(lines.back(), "\t\terr: -[VVMIDIMessage initWithSysexArray:timestamp:] - BAIL");
     }
@@ -75,10 +79,12 @@ TEST(MidiMessage, DoubleValueUsesFourteenBitsOnlyWhenData3IsPresent) {
         uint8_t data2, data3;
         double expected;
     };
-    for (const Case& c : {Case{64, 0xFF, 64 / 127.0}, Case{0x40, 0, 8192 / 16383.0}, Case{127, 0x80, 1.0},
-                          Case{0x7F, 0x7F, 1.0}, Case{0xFF, 0xFF, 255 / 127.0}, Case{0xFF, 0x01, 16257 / 16383.0},
-                          Case{0, 0xFF, 0.0}}) {
-        EXPECT_DOUBLE_EQ(VVMIDIMessage::createFromVals(0xB0, 0, 1, c.data2, c.data3)->doubleValue(), c.expected)
+    for (const Case& c :
+         {Case{64, 0xFF, 64 / 127.0}, Case{0x40, 0, 8192 / 16383.0}, Case{127, 0x80, 1.0},
+          Case{0x7F, 0x7F, 1.0}, Case{0xFF, 0xFF, 255 / 127.0}, Case{0xFF, 0x01, 16257 / 16383.0},
+          Case{0, 0xFF, 0.0}}) {
+        EXPECT_DOUBLE_EQ(VVMIDIMessage::createFromVals(0xB0, 0, 1, c.data2, c.data3)->doubleValue(),
+                         c.expected)
             << int(c.data2) << "/" << int(c.data3);
     }
 }
@@ -110,9 +116,11 @@ TEST(MidiMessage, DescriptionsByType) {
     const std::vector<Case> table = {
         {VVMIDIMessage::createWithTypeChannel(0x90, 3), "NoteOn, ch.3, note.-1, val.-1, time.0"},
         {VVMIDIMessage::createFromVals(0x80, 1, 60, 0), "NoteOff, ch.1, note.60, val.0, time.0"},
-        {VVMIDIMessage::createFromVals(0xA0, 2, 61, 100, 0xFF, 5), "AfterTouch, ch.2, note.61, val.100, time.5"},
+        {VVMIDIMessage::createFromVals(0xA0, 2, 61, 100, 0xFF, 5),
+         "AfterTouch, ch.2, note.61, val.100, time.5"},
         {VVMIDIMessage::createFromVals(0xB0, 15, 7, 127), "Ctrl, ch.15, ctrl.7, val.127, time.0"},
-        {VVMIDIMessage::createFromVals(0xB0, 0, 200, 128), "Ctrl, ch.0, ctrl.-56, val.-128, time.0"},
+        {VVMIDIMessage::createFromVals(0xB0, 0, 200, 128),
+         "Ctrl, ch.0, ctrl.-56, val.-128, time.0"},
         {VVMIDIMessage::createFromVals(0xC0, 4, 9, 0xFF), "PgmChange, ch.4, pgm.9, time.0"},
         {VVMIDIMessage::createFromVals(0xD0, 5, 33, 0xFF), "ChannelPressure, ch.5, val.33, time.0"},
         {VVMIDIMessage::createFromVals(0xE0, 6, 0x00, 0x40), "PitchWheel, ch.6, val.8192, time.0"},

@@ -5,14 +5,16 @@
 void TSPlugList::addObject(const TSPlugPtr& plug) { addObjects({plug}); }
 
 void TSPlugList::addObjects(const std::vector<TSPlugPtr>& plugs) {
-    bool added = false;
+    std::vector<TSPlugPtr> added;
     for (const TSPlugPtr& plug : plugs)
         if (plug) {
             plugs_.push_back(plug);
-            added = true;
+            added.push_back(plug);
         }
-    if (added)
-        emit contentChanged();
+    if (added.empty())
+        return;
+    emit plugsAdded(added);
+    emit contentChanged();
 }
 
 void TSPlugList::removeObjects(const std::vector<TSPlugPtr>& plugs) {
@@ -22,15 +24,19 @@ void TSPlugList::removeObjects(const std::vector<TSPlugPtr>& plugs) {
     const auto doomed = [&](const TSPlugPtr& p) {
         return std::find(plugs.begin(), plugs.end(), p) != plugs.end();
     };
-    const size_t before = plugs_.size();
-    plugs_.erase(std::remove_if(plugs_.begin(), plugs_.end(), doomed), plugs_.end());
-    if (plugs_.size() == before)
+    std::vector<TSPlugPtr> removed;
+    for (const TSPlugPtr& p : plugs_)
+        if (doomed(p))
+            removed.push_back(p);
+    if (removed.empty())
         return;
+    plugs_.erase(std::remove_if(plugs_.begin(), plugs_.end(), doomed), plugs_.end());
     const std::set<size_t> oldSelection = selection_;
     selection_.clear();
     for (size_t i = 0; i < plugs_.size(); ++i)
         if (std::find(selected.begin(), selected.end(), plugs_[i]) != selected.end())
             selection_.insert(i);
+    emit plugsRemoved(removed);
     emit contentChanged();
     if (selection_ != oldSelection)
         emit selectionChanged();

@@ -28,6 +28,9 @@ public:
     void setSelectedObjects(const std::vector<TSPlugPtr>& plugs);
 
 signals:
+    // Just before contentChanged: which plugs came and went.
+    void plugsAdded(const std::vector<TSPlugPtr>& plugs);
+    void plugsRemoved(const std::vector<TSPlugPtr>& plugs);
     // After plugs were added or removed; the list is as it now stands.
     void contentChanged();
     void selectionChanged();

@@ -55,10 +55,12 @@ TessarineController* TessarineController::sharedController() { return sharedInst
 
 TessarineController::TessarineController(Wiring wiring) : wiring_(std::move(wiring)) {
     index_.store(std::make_shared<const DispatchIndex>());
-    connect(&plugs_, &TSPlugList::contentChanged, this, [this] {
-        watchPlugs();
-        rebuildDispatchIndex();
+    connect(&plugs_, &TSPlugList::plugsAdded, this, &TessarineController::watchPlugs);
+    connect(&plugs_, &TSPlugList::plugsRemoved, this, [this](const std::vector<TSPlugPtr>& gone) {
+        for (const TSPlugPtr& plug : gone)
+            disconnect(plug.get(), &TSPlug::identityChanged, this, nullptr);
     });
+    connect(&plugs_, &TSPlugList::contentChanged, this, &TessarineController::rebuildDispatchIndex);
     connect(&plugs_, &TSPlugList::selectionChanged, this,
             [this] { learnTarget_.store(plugs_.firstSelectedObject()); });
 
@@ -114,8 +116,9 @@ TessarineController::~TessarineController() {
 
 // --- the plug list and its index -------------------------------------------
 
-void TessarineController::watchPlugs() {
-    for (const TSPlugPtr& plug : plugs_.arrangedObjects()) {
+void TessarineController::watchPlugs(const std::vector<TSPlugPtr>& added) {
+    for (const TSPlugPtr& plug : added) {
+        // A plug listed twice is watched once.
         disconnect(plug.get(), &TSPlug::identityChanged, this, nullptr);
         connect(plug.get(), &TSPlug::identityChanged, this, [this] {
             // Identifying settings change on the main thread; a change made

@@ -204,7 +204,7 @@ signals:
 
 private:
     void rebuildDispatchIndex();
-    void watchPlugs();
+    void watchPlugs(const std::vector<TSPlugPtr>& added);
     std::shared_ptr<const DispatchIndex> index() const { return index_.load(); }
     static bool sendToAll(const DispatchIndex::Plugs& plugs, float value);
     void appendToConsoleInMainThread(const QString& text);

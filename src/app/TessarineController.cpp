@@ -362,8 +362,10 @@ void TessarineController::appendToConsoleInMainThread(const QString& text) {
     // A line queued just before the console was hidden is not shown.
     if (!consoleVisible())
         return;
-    consoleText_ += text;
-    consoleText_ += '\n';
+    if (consoleRetainsText_) {
+        consoleText_ += text;
+        consoleText_ += '\n';
+    }
     emit consoleLineAppended(text);
 }
 

@@ -184,6 +184,10 @@ public:
 
     // The console shows while visible; the headless program keeps it shown.
     void setConsoleVisible(bool visible);
+    // Whether console lines are also kept as the console's text (for a text
+    // view). The headless program prints each line and keeps nothing, so a
+    // long show does not grow its memory line by line.
+    void setConsoleRetainsText(bool retains) { consoleRetainsText_ = retains; }
 
     // Archive of plugs, as stored under "plugs".
     static QJsonObject archivePlugs(const std::vector<TSPlugPtr>& plugs);
@@ -226,6 +230,7 @@ private:
 
     std::atomic<bool> consoleVisible_{false};
     QString consoleText_;    // main thread only
+    bool consoleRetainsText_ = true; // main thread only
     QString arduinoOutput_;  // main thread only; null until first used
     bool arduinoOutputMade_ = false;
     class QTimer* animationTimer_ = nullptr;

@@ -91,6 +91,7 @@ int main(int argc, char** argv) {
                          printLine(message);
                          printLine(informative.trimmed());
                      });
+    controller.setConsoleRetainsText(false);
     controller.setConsoleVisible(true);
     controller.showMainApplicationWindow();
     ts::logf("Tessarine %s running headless with %zu plug(s); settings in %s", TESSARINE_VERSION,

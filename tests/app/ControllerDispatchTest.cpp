@@ -277,4 +277,15 @@ TEST_F(Dispatch, ConsoleLinesOnlyWhileVisible) {
     EXPECT_EQ(controller.consoleText(), "");
 }
 
+TEST_F(Dispatch, AConsoleThatKeepsNoTextStillEmitsEveryLine) {
+    controller.setConsoleRetainsText(false);
+    controller.setConsoleVisible(true);
+    int lines = 0;
+    QObject::connect(&controller, &TessarineController::consoleLineAppended, [&] { ++lines; });
+    for (int i = 0; i < 1000; ++i)
+        controller.processCommandWithString("go");
+    EXPECT_EQ(lines, 1000);
+    EXPECT_TRUE(controller.consoleText().isEmpty());
+}
+
 } // namespace

@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 using namespace std::chrono_literals;
 using ts::test::ChildProcess;
@@ -347,6 +348,30 @@ TEST_F(JACKMIDIServiceTest, ServerLossDoesNotCrashAndMIDIResumesWhenItIsBack) {
     startRtMidiSender("tsnote", {"92", "31", "11"});
     EXPECT_TRUE(spinUntil([&] { return fromSource.received({0x92, 0x31, 0x11}); }));
     EXPECT_TRUE(hasPort(server_->ports(), "Tessarine:in 1"));
+}
+
+TEST_F(JACKMIDIServiceTest, DestroyingTheServiceDoesNotWaitForAHandlerWaitingForTheCaller) {
+    // The MIDI manager rebuilds its lists on the main thread from the setup
+    // handler and waits for that; the service may meanwhile be dropped on the
+    // main thread (a new service installed).
+    makeService();
+    ts::test::spinFor(300ms); // the reports of our own ports are over
+    std::atomic<bool> waiting{false};
+    auto finished = std::make_shared<std::atomic<bool>>(false);
+    service_->setSetupChangedHandler([&waiting, finished] {
+        if (waiting.exchange(true))
+            return;
+        ts::performOnMainThreadAndWait([] {});
+        finished->store(true);
+    });
+    startPeer({"jack_midiseq", "tslate", "24000", "0", "60", "8000"});
+    // Not spinning: the main thread is busy elsewhere when the change comes.
+    for (int i = 0; i < 500 && !waiting; ++i)
+        std::this_thread::sleep_for(10ms);
+    ASSERT_TRUE(waiting);
+    service_.reset(); // must return although the handler waits for this thread
+    EXPECT_FALSE(hasPort(server_->ports(), "Tessarine:To Tessarine")) << "client closed";
+    EXPECT_TRUE(spinUntil([&] { return finished->load(); })) << "the handler ends once the main thread runs";
 }
 
 TEST(JACKMIDIServiceNoServer, JackBackendWithoutServerIsTheNoneServiceWithOneLine) {

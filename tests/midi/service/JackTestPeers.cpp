@@ -55,8 +55,10 @@ bool reap(pid_t pid, std::chrono::milliseconds timeout, int* status) {
 } // namespace
 
 ChildProcess::~ChildProcess() {
+    // Politely first: a JACK client killed outright keeps jackd busy for
+    // seconds when it stops.
     if (running())
-        stop(SIGKILL);
+        stop(SIGTERM);
 }
 
 bool ChildProcess::start(const std::vector<std::string>& argv, const std::string& outputPath) {

@@ -50,7 +50,9 @@ bool isAnnouncement(const snd_seq_event_t& ev) {
 // ---- addresses -----------------------------------------------------------------
 
 std::uint32_t ALSAMIDIEngine::uniqueIDForAddress(int client, int port) {
-    return ((static_cast<std::uint32_t>(client & 0xFF) << 8) | static_cast<std::uint32_t>(port & 0xFF)) + 1;
+    return ((static_cast<std::uint32_t>(client & 0xFF) << 8) |
+            static_cast<std::uint32_t>(port & 0xFF)) +
+           1;
 }
 
 bool ALSAMIDIEngine::addressForUniqueID(std::uint32_t uniqueID, int& client, int& port) {
@@ -74,7 +76,8 @@ std::shared_ptr<ALSAMIDIEngine> ALSAMIDIEngine::create() {
     const std::string path = sequencerDevicePath();
     const int fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
-        ts::logf("MIDI: cannot open the ALSA sequencer (%s: %s)", path.c_str(), std::strerror(errno));
+        ts::logf("MIDI: cannot open the ALSA sequencer (%s: %s)", path.c_str(),
+                 std::strerror(errno));
         return nullptr;
     }
     ::close(fd);
@@ -189,8 +192,12 @@ std::vector<MIDIEndpointInfo> ALSAMIDIEngine::listEndpoints(bool wantSources) {
     return endpoints;
 }
 
-std::vector<MIDIEndpointInfo> ALSAMIDIEngine::sources() { return listEndpoints(true); }
-std::vector<MIDIEndpointInfo> ALSAMIDIEngine::destinations() { return listEndpoints(false); }
+std::vector<MIDIEndpointInfo> ALSAMIDIEngine::sources() {
+    return listEndpoints(true);
+}
+std::vector<MIDIEndpointInfo> ALSAMIDIEngine::destinations() {
+    return listEndpoints(false);
+}
 
 // ---- virtual endpoints ---------------------------------------------------------
 
@@ -206,9 +213,9 @@ bool ALSAMIDIEngine::createVirtualDestination(const std::string& name, ReceiveHa
             return true;
         }
     }
-    const int port = snd_seq_create_simple_port(
-        seq_, name.c_str(), kSubscribableWrite,
-        SND_SEQ_PORT_TYPE_MIDI_GENERIC | SND_SEQ_PORT_TYPE_APPLICATION);
+    const int port =
+        snd_seq_create_simple_port(seq_, name.c_str(), kSubscribableWrite,
+                                   SND_SEQ_PORT_TYPE_MIDI_GENERIC | SND_SEQ_PORT_TYPE_APPLICATION);
     if (port < 0) {
         ts::logf("MIDI: the ALSA sequencer refused the port \"%s\" (%s)", name.c_str(),
                  snd_strerror(port));
@@ -227,9 +234,9 @@ bool ALSAMIDIEngine::createVirtualSource(const std::string& name) {
     for (const auto& [port, vp] : virtualPorts_)
         if (!vp.input && vp.name == name)
             return true;
-    const int port = snd_seq_create_simple_port(
-        seq_, name.c_str(), kSubscribableRead,
-        SND_SEQ_PORT_TYPE_MIDI_GENERIC | SND_SEQ_PORT_TYPE_APPLICATION);
+    const int port =
+        snd_seq_create_simple_port(seq_, name.c_str(), kSubscribableRead,
+                                   SND_SEQ_PORT_TYPE_MIDI_GENERIC | SND_SEQ_PORT_TYPE_APPLICATION);
     if (port < 0) {
         ts::logf("MIDI: the ALSA sequencer refused the port \"%s\" (%s)", name.c_str(),
                  snd_strerror(port));
@@ -272,7 +279,7 @@ void ALSAMIDIEngine::disconnectSource(std::uint32_t sourceID) {
 // ---- output ------------------------------------------------------------------
 
 bool ALSAMIDIEngine::sendEvents(const MIDIPacketList& packets, int destClient, int destPort,
-                                 int fromPort) {
+                                int fromPort) {
     // Caller holds seqMutex_. destClient < 0: to the subscribers of fromPort.
     bool ok = true;
     encoder_.resetEncoder();
@@ -443,7 +450,8 @@ void ALSAMIDIEngine::readEvents() {
     for (Batch& batch : batches)
         callReceiveHandler(*batch.handler, batch.packets);
     if (failure < 0) {
-        ts::logf("MIDI: the ALSA sequencer stopped answering (%s); MIDI is off", snd_strerror(failure));
+        ts::logf("MIDI: the ALSA sequencer stopped answering (%s); MIDI is off",
+                 snd_strerror(failure));
         dead_.store(true);
         setupChanged = true;
     }

@@ -70,12 +70,12 @@ private:
     mutable std::mutex seqMutex_; // every call on seq_, the port and handler tables
     snd_seq_t* seq_ = nullptr;
     int clientID_ = -1;
-    int inputPort_ = -1;  // private: connected sources and announcements
-    int outputPort_ = -1; // private: direct sends
+    int inputPort_ = -1;                      // private: connected sources and announcements
+    int outputPort_ = -1;                     // private: direct sends
     std::map<int, VirtualPort> virtualPorts_; // by our port number
     std::map<std::uint32_t, std::shared_ptr<ReceiveHandler>> connected_; // by source ID
-    ALSAMIDIEventCodec encoder_;              // under seqMutex_
-    std::atomic<bool> dead_{false};           // the sequencer stopped answering
+    ALSAMIDIEventCodec encoder_;                                         // under seqMutex_
+    std::atomic<bool> dead_{false}; // the sequencer stopped answering
 
     mutable std::mutex handlersMutex_; // leaf: setupHandler_
     SetupHandler setupHandler_;

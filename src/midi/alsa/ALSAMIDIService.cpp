@@ -9,15 +9,23 @@ std::unique_ptr<ALSAMIDIService> ALSAMIDIService::create() {
     return std::unique_ptr<ALSAMIDIService>(new ALSAMIDIService(std::move(engine)));
 }
 
-std::unique_ptr<MIDIService> createALSAMIDIService() { return ALSAMIDIService::create(); }
+std::unique_ptr<MIDIService> createALSAMIDIService() {
+    return ALSAMIDIService::create();
+}
 
 ALSAMIDIService::ALSAMIDIService(std::shared_ptr<ALSAMIDIEngine> engine)
     : engine_(std::move(engine)) {}
 
-ALSAMIDIService::~ALSAMIDIService() { engine_->stop(); }
+ALSAMIDIService::~ALSAMIDIService() {
+    engine_->stop();
+}
 
-std::vector<MIDIEndpointInfo> ALSAMIDIService::sources() { return engine_->sources(); }
-std::vector<MIDIEndpointInfo> ALSAMIDIService::destinations() { return engine_->destinations(); }
+std::vector<MIDIEndpointInfo> ALSAMIDIService::sources() {
+    return engine_->sources();
+}
+std::vector<MIDIEndpointInfo> ALSAMIDIService::destinations() {
+    return engine_->destinations();
+}
 
 bool ALSAMIDIService::createVirtualDestination(const std::string& name, ReceiveHandler handler) {
     return engine_->createVirtualDestination(name, std::move(handler));
@@ -27,7 +35,9 @@ bool ALSAMIDIService::createVirtualSource(const std::string& name) {
     return engine_->createVirtualSource(name);
 }
 
-bool ALSAMIDIService::publish(const MIDIPacketList& packets) { return engine_->publish(packets); }
+bool ALSAMIDIService::publish(const MIDIPacketList& packets) {
+    return engine_->publish(packets);
+}
 
 bool ALSAMIDIService::connectSource(std::uint32_t sourceID, ReceiveHandler handler) {
     return engine_->connectSource(sourceID, std::move(handler));
@@ -45,7 +55,9 @@ void ALSAMIDIService::setSetupChangedHandler(SetupHandler handler) {
     engine_->setSetupChangedHandler(std::move(handler));
 }
 
-std::string ALSAMIDIService::sequencerDevicePath() { return ALSAMIDIEngine::sequencerDevicePath(); }
+std::string ALSAMIDIService::sequencerDevicePath() {
+    return ALSAMIDIEngine::sequencerDevicePath();
+}
 
 std::uint32_t ALSAMIDIService::uniqueIDForAddress(int client, int port) {
     return ALSAMIDIEngine::uniqueIDForAddress(client, port);

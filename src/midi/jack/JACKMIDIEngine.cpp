@@ -332,7 +332,9 @@ std::vector<MIDIEndpointInfo> JACKMIDIEngine::listEndpoints(unsigned long flags)
     return endpoints;
 }
 
-std::vector<MIDIEndpointInfo> JACKMIDIEngine::sources() { return listEndpoints(JackPortIsOutput); }
+std::vector<MIDIEndpointInfo> JACKMIDIEngine::sources() {
+    return listEndpoints(JackPortIsOutput);
+}
 
 std::vector<MIDIEndpointInfo> JACKMIDIEngine::destinations() {
     return listEndpoints(JackPortIsInput);
@@ -584,8 +586,8 @@ bool JACKMIDIEngine::send(std::uint32_t destinationID, const MIDIPacketList& pac
     const auto free = std::find_if(outputs_.begin(), outputs_.end(),
                                    [](const OutputPort& slot) { return !slot.used; });
     if (free == outputs_.end()) {
-        ts::logf("MIDI: no JACK output port left for \"%s\" (at most %d)",
-                 destinationName.c_str(), kMaxOutputPorts);
+        ts::logf("MIDI: no JACK output port left for \"%s\" (at most %d)", destinationName.c_str(),
+                 kMaxOutputPorts);
         return false;
     }
     OutputPort& slot = *free;
@@ -598,8 +600,7 @@ bool JACKMIDIEngine::send(std::uint32_t destinationID, const MIDIPacketList& pac
         forgetOutput(slot);
         return false;
     }
-    const int rc =
-        jack_connect(client, jack_port_name(slot.port.load()), destinationName.c_str());
+    const int rc = jack_connect(client, jack_port_name(slot.port.load()), destinationName.c_str());
     slot.firstCycle.store(cycles_.load() + 2);
     if (rc != 0 && rc != EEXIST) {
         ts::logf("MIDI: JACK cannot connect Tessarine to \"%s\"", destinationName.c_str());
@@ -658,7 +659,8 @@ void JACKMIDIEngine::checkSetup() {
         // A private output port whose destination went away has no use any
         // more; the next send to it (when it is back) makes a new one.
         for (OutputPort& slot : outputs_) {
-            if (!slot.used || slot.isVirtual || jack_port_by_name(client, slot.destinationName.c_str()))
+            if (!slot.used || slot.isVirtual ||
+                jack_port_by_name(client, slot.destinationName.c_str()))
                 continue;
             releasePort(slot.port);
             forgetOutput(slot);
@@ -705,8 +707,8 @@ void JACKMIDIEngine::run() {
     while (!stopping_.load()) {
         int timeout = 1000;
         if (!client_.load()) {
-            const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(
-                nextAttempt - Clock::now());
+            const auto wait =
+                std::chrono::duration_cast<std::chrono::milliseconds>(nextAttempt - Clock::now());
             timeout = static_cast<int>(std::clamp<long long>(wait.count(), 0, 1000));
         }
         pollfd pfd{wakeFd_, POLLIN, 0};
@@ -847,8 +849,8 @@ int JACKMIDIEngine::process(jack_nframes_t frames) {
                     1000 +
                 offsetNs;
             InRecord record{};
-            record.timestamp = std::min<std::uint64_t>(at > 0 ? static_cast<std::uint64_t>(at) : 1,
-                                                       nowNs);
+            record.timestamp =
+                std::min<std::uint64_t>(at > 0 ? static_cast<std::uint64_t>(at) : 1, nowNs);
             record.generation = generation;
             record.port = static_cast<std::uint16_t>(i);
             record.size = static_cast<std::uint16_t>(event.size);
@@ -865,7 +867,8 @@ int JACKMIDIEngine::process(jack_nframes_t frames) {
             continue;
         void* buffer = jack_port_get_buffer(port, frames);
         jack_midi_clear_buffer(buffer);
-        if (cycles_.load(std::memory_order_relaxed) < slot.firstCycle.load(std::memory_order_relaxed))
+        if (cycles_.load(std::memory_order_relaxed) <
+            slot.firstCycle.load(std::memory_order_relaxed))
             continue; // its connection is not in the graph yet
         jack_ringbuffer_t* ring = slot.ring;
         std::uint32_t size = 0;

@@ -75,7 +75,7 @@ private:
         // Under mutex_:
         bool used = false;
         bool isVirtual = false;
-        std::string portName;   // our port's short name
+        std::string portName; // our port's short name
         std::uint32_t sourceID = 0;
         std::string sourceName; // full name of the connected source
         // Under handlersMutex_:
@@ -110,7 +110,7 @@ private:
     bool registerPort(OutputPort& slot);
     void releasePort(std::atomic<jack_port_t*>& port);
     void forgetOutput(OutputPort& slot); // caller holds mutex_; port already released
-    void connectPorts(); // caller holds mutex_: remakes missing connections
+    void connectPorts();                 // caller holds mutex_: remakes missing connections
     // Waits until the process callback is no longer inside a cycle that may
     // have read a port pointer that was just cleared.
     void waitForProcessCycle();

@@ -228,7 +228,8 @@ TEST_F(JACKMIDIServiceTest, PublishedAndSentMessagesAreReadByJackMidiDump) {
 
     // One packet with two messages and a clock byte inside the second: the
     // dump must see three events, each starting with its status byte.
-    ASSERT_TRUE(service_->publish({{0, {0x90, 0x3C, 0x40}}, {0, {0xB0, 0x07, 0xF8, 0x64, 0xC2, 0x05}}}));
+    ASSERT_TRUE(
+        service_->publish({{0, {0x90, 0x3C, 0x40}}, {0, {0xB0, 0x07, 0xF8, 0x64, 0xC2, 0x05}}}));
     ASSERT_TRUE(spinUntil([&] { return dump.output().find("c2 05") != std::string::npos; }))
         << dump.output();
     const std::string published = dump.output();
@@ -295,7 +296,8 @@ TEST_F(JACKMIDIServiceTest, ClientAppearingLaterIsASetupChangeAndASource) {
 TEST_F(JACKMIDIServiceTest, ServerLossDoesNotCrashAndMIDIResumesWhenItIsBack) {
     ts::LogCapture log;
     makeService();
-    const MIDIEndpointInfo ownSource = *findEndpoint(service_->sources(), "Tessarine", "From Tessarine");
+    const MIDIEndpointInfo ownSource =
+        *findEndpoint(service_->sources(), "Tessarine", "From Tessarine");
     // A source connected before the loss.
     ChildProcess& firstSender = startRtMidiSender("tsnote", {"92", "30", "10"});
     ASSERT_TRUE(waitForPort("tsnote:out"));
@@ -371,7 +373,8 @@ TEST_F(JACKMIDIServiceTest, DestroyingTheServiceDoesNotWaitForAHandlerWaitingFor
     ASSERT_TRUE(waiting);
     service_.reset(); // must return although the handler waits for this thread
     EXPECT_FALSE(hasPort(server_->ports(), "Tessarine:To Tessarine")) << "client closed";
-    EXPECT_TRUE(spinUntil([&] { return finished->load(); })) << "the handler ends once the main thread runs";
+    EXPECT_TRUE(spinUntil([&] { return finished->load(); }))
+        << "the handler ends once the main thread runs";
 }
 
 TEST(JACKMIDIServiceNoServer, JackBackendWithoutServerIsTheNoneServiceWithOneLine) {

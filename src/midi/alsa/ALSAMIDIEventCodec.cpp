@@ -46,8 +46,9 @@ bool ALSAMIDIEventCodec::decode(const snd_seq_event_t& event, std::vector<std::u
     // The decoder keeps no state that matters with running status off, but
     // a fresh start per event keeps one bad event from touching the next.
     snd_midi_event_reset_decode(decoder_);
-    const long n = snd_midi_event_decode(decoder_, reinterpret_cast<unsigned char*>(out.data() + at),
-                                         static_cast<long>(room), &event);
+    const long n =
+        snd_midi_event_decode(decoder_, reinterpret_cast<unsigned char*>(out.data() + at),
+                              static_cast<long>(room), &event);
     if (n <= 0) {
         out.resize(at);
         return false;

@@ -24,18 +24,19 @@
 // were read (CLOCK_MONOTONIC): no sequencer queue stamps them. Packets sent
 // with a timestamp go out at once.
 //
+// After disconnectSource() returns, a delivery already under way on the
+// service thread may still finish. Destroying the service never waits for a
+// handler that is running: the service thread finishes it and ends by itself.
+//
 // When the sequencer stops answering (the kernel module going away) the
 // service logs one line, reports a setup change and from then on lists
 // nothing and accepts nothing.
 
-#include "midi/alsa/ALSAMIDIEventCodec.h"
 #include "midi/service/MIDIService.h"
 
-#include <atomic>
-#include <map>
-#include <mutex>
-#include <string>
-#include <thread>
+#include <memory>
+
+class ALSAMIDIEngine;
 
 class ALSAMIDIService final : public MIDIService {
 public:
@@ -65,38 +66,6 @@ public:
     static bool addressForUniqueID(std::uint32_t uniqueID, int& client, int& port);
 
 private:
-    struct VirtualPort {
-        std::string name;
-        bool input = false; // a virtual destination
-        std::shared_ptr<ReceiveHandler> handler;
-    };
-
-    ALSAMIDIService() = default;
-    std::vector<MIDIEndpointInfo> listEndpoints(bool wantSources);
-    bool sendEvents(const MIDIPacketList& packets, int destClient, int destPort, int fromPort);
-    void run();
-    void readEvents();
-    void wake();
-    void reportSetupChange();
-
-    // Lock order: seqMutex_, then handlersMutex_. Neither is held while a
-    // handler runs. Calls on the sequencer never block (it is opened
-    // non-blocking), so seqMutex_ is held only briefly.
-    mutable std::mutex seqMutex_; // every call on seq_, the port and handler tables
-    snd_seq_t* seq_ = nullptr;
-    int clientID_ = -1;
-    int inputPort_ = -1;  // private: connected sources and announcements
-    int outputPort_ = -1; // private: direct sends
-    std::map<int, VirtualPort> virtualPorts_; // by our port number
-    std::map<std::uint32_t, std::shared_ptr<ReceiveHandler>> connected_; // by source ID
-    ALSAMIDIEventCodec encoder_;              // under seqMutex_
-    std::atomic<bool> dead_{false};           // the sequencer stopped answering
-
-    mutable std::mutex handlersMutex_; // leaf: setupHandler_
-    SetupHandler setupHandler_;
-
-    ALSAMIDIEventCodec decoder_; // the service thread's own
-    std::atomic<bool> stopping_{false};
-    int wakeFd_ = -1;
-    std::thread thread_;
+    explicit ALSAMIDIService(std::shared_ptr<ALSAMIDIEngine> engine);
+    std::shared_ptr<ALSAMIDIEngine> engine_;
 };

@@ -38,8 +38,8 @@ void JACKMIDIEventSplitter::split(const std::uint8_t* bytes, std::size_t count,
     std::size_t pendingStart = 0;
     bool pending = false;
     bool sysex = false;
-    std::size_t wanted = 0;       // whole length of the pending short message
-    std::uint8_t running = 0;     // status that data bytes without one repeat
+    std::size_t wanted = 0;   // whole length of the pending short message
+    std::uint8_t running = 0; // status that data bytes without one repeat
 
     const auto finish = [&] {
         if (pending && out.size() > pendingStart)

@@ -14,40 +14,35 @@
 // Connecting a source registers one private input port of ours per source
 // ("in <n>") and connects the source to it, so every event is known to come
 // from that source. Sending to a destination registers one private output
-// port per destination ("out <n>") on the first send and connects it. These
-// private ports are never listed as endpoints, and their coming and going is
-// not a setup change.
+// port per destination ("out <n>") on the first send and connects it; it goes
+// when its destination goes. These private ports are never listed as
+// endpoints, and their coming and going is not a setup change.
 //
-// Threads:
-// - the JACK process callback moves bytes only: what arrives on our input
-//   ports goes into one lock-free ring (inRing_), what was sent comes from
-//   one lock-free ring per output port. It never locks, allocates or calls a
-//   handler; it wakes the service thread through an eventfd;
-// - the service thread ("JACKMIDI") delivers received packet lists to the
-//   handlers, notices setup changes flagged by JACK's notification callbacks
-//   and reports them, and after the server went away tries every second to
-//   open the client again (ports and connections are remade; MIDI resumes);
-// - every public member may be called from any thread, handlers included.
+// Received packets arrive on the service's own thread ("JACKMIDI"), one
+// packet per JACK event, all events of one port in one process cycle in one
+// list. Their timestamps: the event's frame is turned into JACK's microsecond
+// clock with JACK's own frame/time estimate, then moved onto CLOCK_MONOTONIC
+// by the difference between the two clocks read in the same process cycle;
+// the result is within about a period of when the event reached the server.
+// Sent packets are cut into one JACK event per message and go out in the next
+// process cycle, whatever their timestamp.
 //
-// Timestamps of received packets: the event's frame is turned into JACK's
-// microsecond clock with JACK's own frame/time estimate, then moved onto
-// CLOCK_MONOTONIC by the difference between the two clocks read in the same
-// process cycle. The result is within about a period of when the event
-// reached the server. Packets sent with a timestamp go out at once, in the
-// next process cycle.
+// When the server goes away: one log line, a setup change (nothing is listed
+// any more; sends, publishing and connecting answer false), and every second
+// a quiet attempt to reach it again. When it is back: one log line, the
+// client, the virtual ports and the connections to sources are made again
+// (the handlers given before still receive), and a setup change.
+//
+// After disconnectSource() returns, a delivery already under way on the
+// service thread may still finish. Destroying the service never waits for a
+// handler that is running: the service thread finishes it and ends by itself.
 
 #include "midi/service/MIDIService.h"
 
-#include <jack/jack.h>
-#include <jack/ringbuffer.h>
-
-#include <array>
-#include <atomic>
-#include <chrono>
-#include <mutex>
-#include <string>
+#include <memory>
 #include <string_view>
-#include <thread>
+
+class JACKMIDIEngine;
 
 class JACKMIDIService final : public MIDIService {
 public:
@@ -78,105 +73,7 @@ public:
     // The endpoint ID of a full port name ("client:port"): FNV-1a, 0 mapped to 1.
     static std::uint32_t uniqueIDForPortName(std::string_view fullName);
 
-    static constexpr int kMaxInputPorts = 64;  // virtual destinations + connected sources
-    static constexpr int kMaxOutputPorts = 64; // virtual sources + destinations sent to
-
 private:
-    struct InputPort {
-        // Read by the process callback; set under mutex_ (nullptr when none).
-        std::atomic<jack_port_t*> port{nullptr};
-        // Bumped under handlersMutex_ when the port changes hands, so events
-        // of a former owner still in inRing_ are not delivered to the next.
-        std::atomic<std::uint32_t> generation{0};
-        // Under mutex_:
-        bool used = false;
-        bool isVirtual = false;
-        std::string portName;   // our port's short name
-        std::uint32_t sourceID = 0;
-        std::string sourceName; // full name of the connected source
-        // Under handlersMutex_:
-        std::shared_ptr<ReceiveHandler> handler;
-    };
-    struct OutputPort {
-        std::atomic<jack_port_t*> port{nullptr}; // as InputPort::port
-        // Made once under mutex_ before port is first set; freed by the
-        // destructor. Written under mutex_ (one writer), read by the process
-        // callback (one reader).
-        jack_ringbuffer_t* ring = nullptr;
-        // A connection takes effect at a cycle boundary after jack_connect
-        // returns; the ring is drained only from this process cycle on, so
-        // the first bytes sent to a new connection are not lost.
-        std::atomic<std::uint64_t> firstCycle{0};
-        // Under mutex_:
-        bool used = false;
-        bool isVirtual = false;
-        std::string portName;
-        std::uint32_t destinationID = 0;
-        std::string destinationName;
-    };
-
-    JACKMIDIService() = default;
-
-    // Opens the client, remakes the ports in use and their connections, and
-    // activates it. Caller holds mutex_ (or is the constructor). quiet: no
-    // log line when no server answers.
-    bool openClient(bool quiet);
-    void closeClient(); // caller holds mutex_
-    bool registerPort(InputPort& slot);
-    bool registerPort(OutputPort& slot);
-    void releasePort(std::atomic<jack_port_t*>& port);
-    void forgetOutput(OutputPort& slot); // caller holds mutex_; port already released
-    void connectPorts(); // caller holds mutex_: remakes missing connections
-    // Waits until the process callback is no longer inside a cycle that may
-    // have read a port pointer that was just cleared.
-    void waitForProcessCycle();
-
-    std::vector<MIDIEndpointInfo> listEndpoints(unsigned long flags);
-    std::string findPortName(std::uint32_t uniqueID, unsigned long flags);
-    std::string endpointSnapshot(); // caller holds mutex_
-    template <typename Ports>
-    static std::string privatePortName(const char* prefix, const Ports& ports);
-    bool writePackets(OutputPort& slot, const MIDIPacketList& packets);
-
-    void run();
-    void deliverInput();
-    void handleServerLoss();
-    void checkSetup();
-    void reportSetupChange();
-    void wake();
-
-    static int processCallback(jack_nframes_t frames, void* arg);
-    int process(jack_nframes_t frames);
-    static void shutdownCallback(jack_status_t code, const char* reason, void* arg);
-    static void portRegistrationCallback(jack_port_id_t, int, void* arg);
-    static void portRenameCallback(jack_port_id_t, const char*, const char*, void* arg);
-    static void clientRegistrationCallback(const char*, int, void* arg);
-
-    // Lock order: mutex_, then handlersMutex_. Neither is held while a
-    // handler runs; the process callback takes neither.
-    mutable std::mutex mutex_; // the client, the ports' bookkeeping, lastSnapshot_
-    std::atomic<jack_client_t*> client_{nullptr}; // written under mutex_
-    std::string clientName_;                      // under mutex_
-    std::array<InputPort, kMaxInputPorts> inputs_;
-    std::array<OutputPort, kMaxOutputPorts> outputs_;
-    std::string lastSnapshot_; // endpoints last reported, under mutex_
-
-    mutable std::mutex handlersMutex_; // leaf: InputPort::handler, setupHandler_
-    SetupHandler setupHandler_;
-
-    // Received events: written by the process callback only, read by the
-    // service thread only.
-    jack_ringbuffer_t* inRing_ = nullptr;
-    std::atomic<std::uint64_t> droppedEvents_{0};
-
-    // Process-cycle bookkeeping for waitForProcessCycle().
-    std::atomic<bool> inCycle_{false};
-    std::atomic<std::uint64_t> cycles_{0};
-
-    // Flags raised by JACK's threads and picked up by the service thread.
-    std::atomic<bool> setupFlag_{false};
-    std::atomic<bool> serverGone_{false};
-    std::atomic<bool> stopping_{false};
-    int wakeFd_ = -1;
-    std::thread thread_;
+    explicit JACKMIDIService(std::shared_ptr<JACKMIDIEngine> engine);
+    std::shared_ptr<JACKMIDIEngine> engine_;
 };

@@ -3,8 +3,8 @@
 // between MIDI bytes and sequencer events (alsa-lib's parser needs no
 // sequencer).
 
-#include "midi/alsa/ALSAMIDIEventCodec.h"
 #include "midi/alsa/ALSAMIDIService.h"
+#include "midi/alsa/ALSAMIDIEventCodec.h"
 #include "platform/Log.h"
 #include "support/TestSupport.h"
 
@@ -33,7 +33,10 @@ TEST(ALSAMIDIEventCodec, BytesBecomeEventsAndEventsTheSameBytesWithEveryStatus) 
 
     const std::vector<CodecCase> cases = {
         {"note on", {0x90, 0x3C, 0x40}, {SND_SEQ_EVENT_NOTEON}, {0x90, 0x3C, 0x40}},
-        {"note on with velocity 0 stays as sent", {0x93, 0x3C, 0x00}, {SND_SEQ_EVENT_NOTEON}, {0x93, 0x3C, 0x00}},
+        {"note on with velocity 0 stays as sent",
+         {0x93, 0x3C, 0x00},
+         {SND_SEQ_EVENT_NOTEON},
+         {0x93, 0x3C, 0x00}},
         {"note off", {0x80, 0x3C, 0x00}, {SND_SEQ_EVENT_NOTEOFF}, {0x80, 0x3C, 0x00}},
         {"control change", {0xB1, 0x07, 0x64}, {SND_SEQ_EVENT_CONTROLLER}, {0xB1, 0x07, 0x64}},
         {"program change", {0xC2, 0x05}, {SND_SEQ_EVENT_PGMCHANGE}, {0xC2, 0x05}},
@@ -93,8 +96,8 @@ TEST(ALSAMIDIEventCodec, LongSystemExclusiveComesBackWholeFromItsPieces) {
 
 TEST(ALSAMIDIEventCodec, EventsWithoutMIDIDecodeToNothing) {
     ALSAMIDIEventCodec codec;
-    for (const int type : {SND_SEQ_EVENT_PORT_START, SND_SEQ_EVENT_CLIENT_EXIT,
-                           SND_SEQ_EVENT_PORT_SUBSCRIBED}) {
+    for (const int type :
+         {SND_SEQ_EVENT_PORT_START, SND_SEQ_EVENT_CLIENT_EXIT, SND_SEQ_EVENT_PORT_SUBSCRIBED}) {
         snd_seq_event_t ev;
         snd_seq_ev_clear(&ev);
         ev.type = static_cast<snd_seq_event_type_t>(type);

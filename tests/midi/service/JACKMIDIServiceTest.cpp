@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 using namespace std::chrono_literals;
 using ts::test::ChildProcess;
@@ -227,7 +228,8 @@ TEST_F(JACKMIDIServiceTest, PublishedAndSentMessagesAreReadByJackMidiDump) {
 
     // One packet with two messages and a clock byte inside the second: the
     // dump must see three events, each starting with its status byte.
-    ASSERT_TRUE(service_->publish({{0, {0x90, 0x3C, 0x40}}, {0, {0xB0, 0x07, 0xF8, 0x64, 0xC2, 0x05}}}));
+    ASSERT_TRUE(
+        service_->publish({{0, {0x90, 0x3C, 0x40}}, {0, {0xB0, 0x07, 0xF8, 0x64, 0xC2, 0x05}}}));
     ASSERT_TRUE(spinUntil([&] { return dump.output().find("c2 05") != std::string::npos; }))
         << dump.output();
     const std::string published = dump.output();
@@ -294,7 +296,8 @@ TEST_F(JACKMIDIServiceTest, ClientAppearingLaterIsASetupChangeAndASource) {
 TEST_F(JACKMIDIServiceTest, ServerLossDoesNotCrashAndMIDIResumesWhenItIsBack) {
     ts::LogCapture log;
     makeService();
-    const MIDIEndpointInfo ownSource = *findEndpoint(service_->sources(), "Tessarine", "From Tessarine");
+    const MIDIEndpointInfo ownSource =
+        *findEndpoint(service_->sources(), "Tessarine", "From Tessarine");
     // A source connected before the loss.
     ChildProcess& firstSender = startRtMidiSender("tsnote", {"92", "30", "10"});
     ASSERT_TRUE(waitForPort("tsnote:out"));
@@ -347,6 +350,31 @@ TEST_F(JACKMIDIServiceTest, ServerLossDoesNotCrashAndMIDIResumesWhenItIsBack) {
     startRtMidiSender("tsnote", {"92", "31", "11"});
     EXPECT_TRUE(spinUntil([&] { return fromSource.received({0x92, 0x31, 0x11}); }));
     EXPECT_TRUE(hasPort(server_->ports(), "Tessarine:in 1"));
+}
+
+TEST_F(JACKMIDIServiceTest, DestroyingTheServiceDoesNotWaitForAHandlerWaitingForTheCaller) {
+    // The MIDI manager rebuilds its lists on the main thread from the setup
+    // handler and waits for that; the service may meanwhile be dropped on the
+    // main thread (a new service installed).
+    makeService();
+    ts::test::spinFor(300ms); // the reports of our own ports are over
+    std::atomic<bool> waiting{false};
+    auto finished = std::make_shared<std::atomic<bool>>(false);
+    service_->setSetupChangedHandler([&waiting, finished] {
+        if (waiting.exchange(true))
+            return;
+        ts::performOnMainThreadAndWait([] {});
+        finished->store(true);
+    });
+    startPeer({"jack_midiseq", "tslate", "24000", "0", "60", "8000"});
+    // Not spinning: the main thread is busy elsewhere when the change comes.
+    for (int i = 0; i < 500 && !waiting; ++i)
+        std::this_thread::sleep_for(10ms);
+    ASSERT_TRUE(waiting);
+    service_.reset(); // must return although the handler waits for this thread
+    EXPECT_FALSE(hasPort(server_->ports(), "Tessarine:To Tessarine")) << "client closed";
+    EXPECT_TRUE(spinUntil([&] { return finished->load(); }))
+        << "the handler ends once the main thread runs";
 }
 
 TEST(JACKMIDIServiceNoServer, JackBackendWithoutServerIsTheNoneServiceWithOneLine) {

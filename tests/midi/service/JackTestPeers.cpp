@@ -55,8 +55,10 @@ bool reap(pid_t pid, std::chrono::milliseconds timeout, int* status) {
 } // namespace
 
 ChildProcess::~ChildProcess() {
+    // Politely first: a JACK client killed outright keeps jackd busy for
+    // seconds when it stops.
     if (running())
-        stop(SIGKILL);
+        stop(SIGTERM);
 }
 
 bool ChildProcess::start(const std::vector<std::string>& argv, const std::string& outputPath) {
@@ -135,9 +137,9 @@ bool JackTestServer::start() {
     setenv("JACK_DEFAULT_SERVER", name_.c_str(), 1);
     if (jackd_.running())
         return false;
-    if (!jackd_.start({"jackd", "--no-realtime", "-n", name_, "-d", "dummy", "-r", "48000", "-p",
-                       "256"},
-                      directory_ + "/jackd.log"))
+    if (!jackd_.start(
+            {"jackd", "--no-realtime", "-n", name_, "-d", "dummy", "-r", "48000", "-p", "256"},
+            directory_ + "/jackd.log"))
         return false;
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (std::chrono::steady_clock::now() < end) {

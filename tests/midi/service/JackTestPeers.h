@@ -12,7 +12,8 @@
 namespace ts::test {
 
 // A program run in the background, its standard output (and error) going to
-// a file. Killed (SIGKILL) and reaped when the object goes, unless stopped.
+// a file. Stopped (SIGTERM, then SIGKILL if it lingers) and reaped when the
+// object goes.
 class ChildProcess {
 public:
     ChildProcess() = default;

@@ -27,22 +27,6 @@ using ts::test::ChildProcess;
 using ts::test::HeadlessProgram;
 using ts::test::JackTestServer;
 
-// Sends the given bytes every 50 ms from JACK client argv[1], port "out".
-const char* kNoteSender = R"(
-import signal, sys, time, rtmidi
-signal.signal(signal.SIGTERM, lambda *args: sys.exit(0))
-out = rtmidi.MidiOut(rtmidi.API_UNIX_JACK, name=sys.argv[1])
-out.open_virtual_port("out")
-message = [int(b, 16) for b in sys.argv[2:]]
-try:
-    while True:
-        out.send_message(message)
-        time.sleep(0.05)
-finally:
-    out.close_port()
-    del out
-)";
-
 // True once something holds the UDP port (it can no longer be bound here).
 bool portBound(int port) {
     return ts::test::spinUntil([port] {
@@ -111,7 +95,7 @@ TEST_F(HeadlessMidi, ANoteFromAJackClientLaunchesAKorvalisColumn) {
     ASSERT_TRUE(program.start());
     ASSERT_TRUE(ts::test::spinUntil([&] { return ts::test::hasPort(server->ports(), "Tessarine:To Tessarine"); }, 5000ms));
     // A client that appears later is found and listened to without any manual connection.
-    startPeer({"/usr/bin/python3", "-c", kNoteSender, "tsnotes", "90", "3c", "64"});
+    startPeer({"/usr/bin/python3", "-c", ts::test::kRepeatingJackMidiSender, "tsnotes", "90", "3c", "64"});
     const auto action = nextKorvalisAction(8000ms);
     ASSERT_TRUE(action) << program.logText().toStdString();
     EXPECT_EQ(action->first, "/korvalis/action/launchColumn/3");
@@ -159,7 +143,7 @@ TEST_F(HeadlessMidi, LearnTakesTheNextMessageFromJack) {
         controller.addMapping(3);
         const TSPlugPtr plug = controller.plugs().arrangedObjects()[0];
         controller.waitForMidi(plug);
-        startPeer({"/usr/bin/python3", "-c", kNoteSender, "tslearn", "95", "2a", "10"});
+        startPeer({"/usr/bin/python3", "-c", ts::test::kRepeatingJackMidiSender, "tslearn", "95", "2a", "10"});
         auto* midi = static_cast<TSMidiSignal*>(plug->signalIn().get());
         ASSERT_TRUE(ts::test::spinUntil([&] { return midi->midiType() == 144; }, 8000ms));
         EXPECT_EQ(midi->midiChannel(), 5u);

@@ -28,25 +28,6 @@ using ts::test::spinUntil;
 
 namespace {
 
-// Sends the message given in hex every 50 ms from the JACK client named by
-// the first argument, port "out", until it is stopped.
-// It leaves the server cleanly on SIGTERM: a JACK client that just vanishes
-// keeps jackd busy for seconds when it is stopped next.
-const char* kRtMidiSender = R"(
-import signal, sys, time, rtmidi
-signal.signal(signal.SIGTERM, lambda *args: sys.exit(0))
-out = rtmidi.MidiOut(rtmidi.API_UNIX_JACK, name=sys.argv[1])
-out.open_virtual_port("out")
-message = [int(b, 16) for b in sys.argv[2:]]
-try:
-    while True:
-        out.send_message(message)
-        time.sleep(0.05)
-finally:
-    out.close_port()
-    del out
-)";
-
 // What a receive handler got, and whether it ran on a thread of the service.
 struct Recorder {
     std::mutex mutex;
@@ -128,7 +109,7 @@ protected:
         return *peers_.back();
     }
     ChildProcess& startRtMidiSender(const std::string& client, std::vector<std::string> bytes) {
-        std::vector<std::string> argv{"/usr/bin/python3", "-c", kRtMidiSender, client};
+        std::vector<std::string> argv{"/usr/bin/python3", "-c", ts::test::kRepeatingJackMidiSender, client};
         argv.insert(argv.end(), bytes.begin(), bytes.end());
         return startPeer(argv);
     }

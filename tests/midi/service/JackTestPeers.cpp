@@ -16,6 +16,21 @@
 
 namespace ts::test {
 
+const char* const kRepeatingJackMidiSender = R"(
+import signal, sys, time, rtmidi
+signal.signal(signal.SIGTERM, lambda *args: sys.exit(0))
+out = rtmidi.MidiOut(rtmidi.API_UNIX_JACK, name=sys.argv[1])
+out.open_virtual_port("out")
+message = [int(b, 16) for b in sys.argv[2:]]
+try:
+    while True:
+        out.send_message(message)
+        time.sleep(0.05)
+finally:
+    out.close_port()
+    del out
+)";
+
 namespace {
 
 // Forks and execs; in the child only async-signal-safe calls happen.

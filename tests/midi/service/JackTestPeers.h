@@ -63,6 +63,12 @@ private:
 // True when the port list of the server holds the full port name.
 bool hasPort(const std::vector<std::string>& ports, const std::string& fullName);
 
+// A python3-rtmidi program: JACK client argv[1] with port "out" sends the
+// message given in hex by the other arguments every 50 ms until SIGTERM,
+// on which it leaves the server cleanly (a client that just vanishes keeps
+// jackd busy for seconds when it is stopped next).
+extern const char* const kRepeatingJackMidiSender;
+
 // Runs jack_connect; true on success.
 bool jackConnect(const std::string& from, const std::string& to);
 
